@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "zellive/platform/Geometry.h"
+
+namespace zellive {
+
+/// Facts about the machine and the way it is held. Thread-safe.
+class Device {
+ public:
+  virtual ~Device() = default;
+  /// Bytes.
+  [[nodiscard]] virtual std::uint64_t physicalMemory() const = 0;
+  /// The main screen, in points.
+  [[nodiscard]] virtual Size screenBounds() const = 0;
+  virtual void setScreenBounds(Size points) = 0;
+  /// 0 unknown, 1 portrait, 2 upside down, 3 landscape left, 4 landscape right, 5 face up, 6 face down.
+  [[nodiscard]] virtual std::int64_t deviceOrientation() const = 0;
+  virtual void setDeviceOrientation(std::int64_t orientation) = 0;
+  /// Whether the front camera can deliver the named capture preset; true where there is no camera to ask.
+  [[nodiscard]] virtual bool cameraSupportsPreset(std::string_view preset) const = 0;
+};
+
+}  // namespace zellive

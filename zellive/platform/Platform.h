@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+
+#include "zellive/platform/AudioConverter.h"
+#include "zellive/platform/Companion.h"
+#include "zellive/platform/Device.h"
+#include "zellive/platform/MediaClock.h"
+#include "zellive/platform/NotificationCenter.h"
+#include "zellive/platform/Queue.h"
+#include "zellive/platform/Reachability.h"
+#include "zellive/platform/VideoCompressionSession.h"
+
+namespace zellive {
+
+/// What the library needs of the machine, as one set. No member is null. An application or a test may copy
+/// defaultPlatform()'s set, replace members (its own main queue, say) and hand the copy to the objects that it makes.
+struct Platform {
+  std::shared_ptr<QueueService> queues;
+  std::shared_ptr<MediaClock> clock;
+  std::shared_ptr<NotificationCenter> notifications;
+  std::shared_ptr<Device> device;
+  std::shared_ptr<AFNetworkReachabilityManager> reachability;
+  std::shared_ptr<VideoCompressionService> videoCompression;
+  std::shared_ptr<AudioConverterService> audioConversion;
+  std::shared_ptr<QMZSdwan> companion;
+};
+
+/// The machine's real services, made on first use and kept to the end of the process. Thread-safe; never null.
+[[nodiscard]] std::shared_ptr<const Platform> defaultPlatform();
+
+}  // namespace zellive
