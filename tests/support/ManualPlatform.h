@@ -1,0 +1,112 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zellive/platform/Log.h"
+#include "zellive/platform/Platform.h"
+
+namespace zellive::test {
+
+/// Time that stands still until a test moves it, and queues that run only when a test says so, all on the test's thread
+/// and in the order in which work falls due. Posting from other threads is allowed.
+class ManualTime : public QueueService, public MediaClock {
+ public:
+  ManualTime();
+  ~ManualTime() override;
+
+  std::shared_ptr<Queue> makeSerialQueue(std::string label) override;
+  std::shared_ptr<Queue> mainQueue() override;
+  std::shared_ptr<Queue> globalQueue() override;
+  [[nodiscard]] std::chrono::nanoseconds now() const override;
+  [[nodiscard]] Date date() const override;
+
+  /// Runs everything that is due now, what it posts included.
+  void runPending();
+  /// Moves time on by `duration`, stopping at each piece of delayed work to run it at its own time.
+  void advance(std::chrono::nanoseconds duration);
+  /// Delayed pieces of work that are neither run nor cancelled.
+  [[nodiscard]] std::size_t delayedWork() const;
+  /// The queues that exist at present, by label.
+  [[nodiscard]] std::vector<std::string> liveQueues() const;
+
+ private:
+  class ManualQueue;
+  struct State;
+  bool runOne();
+  std::shared_ptr<State> state_;
+  std::shared_ptr<Queue> main_;
+  std::shared_ptr<Queue> global_;
+};
+
+/// A Device whose every answer is set by the test.
+class SettableDevice : public Device {
+ public:
+  [[nodiscard]] std::uint64_t physicalMemory() const override { return memory; }
+  [[nodiscard]] Size screenBounds() const override { return screen; }
+  void setScreenBounds(Size points) override { screen = points; }
+  [[nodiscard]] std::int64_t deviceOrientation() const override { return orientation; }
+  void setDeviceOrientation(std::int64_t value) override { orientation = value; }
+  [[nodiscard]] bool cameraSupportsPreset(std::string_view) const override { return cameraAccepts; }
+
+  std::uint64_t memory = std::uint64_t{8} << 30;
+  Size screen{375, 812};
+  std::int64_t orientation = 1;
+  bool cameraAccepts = true;
+};
+
+class SettableReachability : public AFNetworkReachabilityManager {
+ public:
+  explicit SettableReachability(std::shared_ptr<NotificationCenter> notifications)
+      : notifications_(std::move(notifications)) {}
+  [[nodiscard]] ReachabilityStatus networkReachabilityStatus() const override { return status_; }
+  void setNetworkReachabilityStatus(ReachabilityStatus status) override;
+
+ private:
+  std::shared_ptr<NotificationCenter> notifications_;
+  ReachabilityStatus status_ = ReachabilityStatus::ReachableViaWiFi;
+};
+
+/// A whole platform on manual time. Encoders are null until a test puts its own in.
+struct ManualPlatform {
+  ManualPlatform();
+
+  /// The set as it stands; later changes of the members below do not show in it.
+  [[nodiscard]] std::shared_ptr<const Platform> platform() const;
+  void advance(std::chrono::nanoseconds duration) { time->advance(duration); }
+  void runPending() { time->runPending(); }
+
+  std::shared_ptr<ManualTime> time;
+  std::shared_ptr<NotificationCenter> notifications;
+  std::shared_ptr<SettableDevice> device;
+  std::shared_ptr<SettableReachability> reachability;
+  std::shared_ptr<VideoCompressionService> videoCompression;
+  std::shared_ptr<AudioConverterService> audioConversion;
+  std::shared_ptr<QMZSdwan> companion;
+};
+
+/// Takes the library's messages over while it exists. One at a time.
+class LogCapture {
+ public:
+  struct Message {
+    LogLevel level;
+    std::string text;
+  };
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  [[nodiscard]] std::vector<Message> messages() const;
+  /// Messages that contain `part`, of any level or of one.
+  [[nodiscard]] std::size_t count(std::string_view part) const;
+  [[nodiscard]] std::size_t count(LogLevel level, std::string_view part) const;
+
+ private:
+  struct Shared;
+  std::shared_ptr<Shared> shared_;
+};
+
+}  // namespace zellive::test
