@@ -1,13 +1,14 @@
 #include "zellive/platform/Data.h"
 
-#include <vector>
+#include <algorithm>
 
 namespace zellive {
 
 Data Data::copyOf(std::span<const std::uint8_t> bytes) {
-  auto owner = std::make_shared<const std::vector<std::uint8_t>>(bytes.begin(), bytes.end());
-  const std::span<const std::uint8_t> view(*owner);
-  return Data(std::move(owner), view);
+  auto memory = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), memory.get());
+  const std::span<const std::uint8_t> view(memory.get(), bytes.size());
+  return {std::move(memory), view};
 }
 
 }  // namespace zellive

@@ -22,6 +22,18 @@ class Data {
   Data(std::shared_ptr<const void> owner, std::span<const std::uint8_t> bytes)
       : owner_(std::move(owner)), bytes_(bytes) {}
 
+  Data(const Data&) = default;
+  Data& operator=(const Data&) = default;
+  /// A moved-from Data refers to nothing.
+  Data(Data&& other) noexcept : owner_(std::move(other.owner_)), bytes_(std::exchange(other.bytes_, {})) {}
+  Data& operator=(Data&& other) noexcept {
+    Data taken(std::move(other));
+    owner_.swap(taken.owner_);
+    std::swap(bytes_, taken.bytes_);
+    return *this;
+  }
+  ~Data() = default;
+
   /// Copies `bytes` into memory of its own.
   [[nodiscard]] static Data copyOf(std::span<const std::uint8_t> bytes);
 

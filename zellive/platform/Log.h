@@ -19,6 +19,9 @@ void QMZPrintLog(LogLevel level, std::string_view function, int line, std::strin
 /// may still be running on another thread when this returns. Thread-safe.
 void setLogHandler(LogHandler handler);
 
+/// The handler that is in force while no other is set: one line on standard error. Thread-safe.
+void defaultLogHandler(LogLevel level, std::string_view function, int line, std::string_view message);
+
 /// printf-style form of QMZPrintLog; use the macro below.
 [[gnu::format(printf, 4, 5)]] void logFormatted(LogLevel level, const char* function, int line, const char* format,
                                                 ...);
@@ -27,6 +30,7 @@ void setLogHandler(LogHandler handler);
 [[nodiscard]] std::string describeObject(const char* className, const void* object);
 
 /// The URL with its last path component, query and user information replaced by "***": these hold its owner's key.
+/// Whatever does not look like a plain URL is replaced from there on.
 [[nodiscard]] std::string maskedUrl(std::string_view url);
 
 /// True for about one call in `n`, at random; for messages of hot paths. Thread-safe.

@@ -10,6 +10,11 @@ struct NotificationCenter::Observation::Registry {
     std::string name;
     std::shared_ptr<const Handler> handler;
   };
+  [[nodiscard]] bool contains(std::uint64_t id) {
+    const std::lock_guard lock(mutex);
+    return entries.contains(id);
+  }
+
   std::mutex mutex;
   std::uint64_t nextId = 1;
   std::map<std::uint64_t, Entry> entries;
@@ -27,8 +32,10 @@ NotificationCenter::Observation::~Observation() {
 }
 
 NotificationCenter::Observation& NotificationCenter::Observation::operator=(Observation&& other) noexcept {
-  std::swap(registry_, other.registry_);
-  std::swap(id_, other.id_);
+  // What this observed so far ends here, not when `other` goes.
+  Observation taken(std::move(other));
+  std::swap(registry_, taken.registry_);
+  std::swap(id_, taken.id_);
   return *this;
 }
 
@@ -36,6 +43,9 @@ NotificationCenter::NotificationCenter() : registry_(std::make_shared<Observatio
 
 NotificationCenter::Observation NotificationCenter::addObserver(std::string_view name, Handler handler) {
   Observation observation;
+  if (!handler) {
+    return observation;
+  }
   observation.registry_ = registry_;
   const std::lock_guard lock(registry_->mutex);
   observation.id_ = registry_->nextId++;
@@ -47,17 +57,20 @@ NotificationCenter::Observation NotificationCenter::addObserver(std::string_view
 }
 
 void NotificationCenter::post(std::string_view name, const UserInfo& userInfo) {
-  std::vector<std::shared_ptr<const Handler>> handlers;
+  const auto registry = registry_;  // A handler may destroy the centre.
+  std::vector<std::pair<std::uint64_t, std::shared_ptr<const Handler>>> observers;
   {
-    const std::lock_guard lock(registry_->mutex);
-    for (const auto& [id, entry] : registry_->entries) {
+    const std::lock_guard lock(registry->mutex);
+    for (const auto& [id, entry] : registry->entries) {
       if (entry.name == name) {
-        handlers.push_back(entry.handler);
+        observers.emplace_back(id, entry.handler);
       }
     }
   }
-  for (const auto& handler : handlers) {
-    (*handler)(userInfo);
+  for (const auto& [id, handler] : observers) {
+    if (registry->contains(id)) {  // An earlier handler may have ended this observation.
+      (*handler)(userInfo);
+    }
   }
 }
 

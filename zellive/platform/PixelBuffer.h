@@ -64,6 +64,8 @@ class PixelBuffer {
  private:
   friend class PixelBufferPool;
   PixelBuffer() = default;
+  /// Gives this the shape and memory of its own; false when memory is short.
+  [[nodiscard]] bool allocate(PixelFormat format, std::size_t width, std::size_t height);
 
   PixelFormat format_ = PixelFormat::BGRA;
   std::size_t width_ = 0;

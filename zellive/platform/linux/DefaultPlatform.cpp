@@ -1,0 +1,33 @@
+#include "zellive/platform/Platform.h"
+#include "zellive/platform/linux/AsioQueues.h"
+#include "zellive/platform/linux/FfmpegAudioConversion.h"
+#include "zellive/platform/linux/FfmpegVideoCompression.h"
+#include "zellive/platform/linux/LinuxDevice.h"
+#include "zellive/platform/linux/ReachabilityStandIn.h"
+#include "zellive/platform/linux/SystemClock.h"
+
+namespace zellive {
+namespace {
+
+std::shared_ptr<const Platform> makeDefaultPlatform() {
+  auto set = std::make_shared<Platform>();
+  set->queues = makeAsioQueues();
+  set->clock = std::make_shared<SystemClock>();
+  set->notifications = std::make_shared<NotificationCenter>();
+  set->device = std::make_shared<LinuxDevice>();
+  set->reachability = std::make_shared<ReachabilityStandIn>(set->notifications);
+  set->videoCompression = makeFfmpegVideoCompression();
+  set->audioConversion = makeFfmpegAudioConversion();
+  set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
+  return set;
+}
+
+}  // namespace
+
+std::shared_ptr<const Platform> defaultPlatform() {
+  // Never destroyed: objects of the application may use it while the process exits.
+  static const auto* const platform = new std::shared_ptr<const Platform>(makeDefaultPlatform());
+  return *platform;
+}
+
+}  // namespace zellive
