@@ -124,7 +124,8 @@ std::shared_ptr<DelayedWork> QueueCore::postAfter(std::chrono::nanoseconds delay
     const std::lock_guard lock(mutex_);
     key = {due, nextId_++};
     if (task) {
-      first = delayed_.emplace(key, std::move(task)).first == delayed_.begin();
+      delayed_.emplace(key, std::move(task));
+      first = delayed_.begin()->first == key;
       if (first) {
         armTimer();
       }
