@@ -3,6 +3,7 @@
 #include "zellive/platform/linux/FfmpegAudioConversion.h"
 #include "zellive/platform/linux/FfmpegVideoCompression.h"
 #include "zellive/platform/linux/LinuxDevice.h"
+#include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/ReachabilityStandIn.h"
 #include "zellive/platform/linux/SystemClock.h"
 
@@ -22,12 +23,18 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   return set;
 }
 
+struct DefaultPlatform {
+  std::shared_ptr<const Platform> set = makeDefaultPlatform();
+  std::shared_ptr<MemoryMonitor> memory =
+      MemoryMonitor::create(set->queues->mainQueue(), set->clock, set->notifications, {});
+};
+
 }  // namespace
 
 std::shared_ptr<const Platform> defaultPlatform() {
   // Never destroyed: objects of the application may use it while the process exits.
-  static const auto* const platform = new std::shared_ptr<const Platform>(makeDefaultPlatform());
-  return *platform;
+  static const auto* const platform = new DefaultPlatform;
+  return platform->set;
 }
 
 }  // namespace zellive
