@@ -41,6 +41,10 @@ class Data {
   /// Length in bytes.
   [[nodiscard]] std::size_t length() const noexcept { return bytes_.size(); }
   [[nodiscard]] std::span<const std::uint8_t> span() const noexcept { return bytes_; }
+  /// `length` bytes from `offset` on, of the same owner; they must lie within this payload.
+  [[nodiscard]] Data subdata(std::size_t offset, std::size_t length) const {
+    return Data(owner_, bytes_.subspan(offset, length));
+  }
   /// True when this refers to a payload, even one of length 0.
   explicit operator bool() const noexcept { return owner_ != nullptr; }
 

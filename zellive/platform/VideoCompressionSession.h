@@ -19,13 +19,15 @@ struct VideoEncoderOptions {
 
 /// What a compression session is to make: H.264 High profile, CABAC, no reordering, one slice a picture.
 struct VideoCompressionSettings {
-  std::int32_t width = 0;                 ///< Pixels of the encoded picture; pictures of another size are scaled to it.
-  std::int32_t height = 0;                ///< See width.
-  std::uint64_t maxKeyFrameInterval = 0;  ///< Frames.
-  std::uint64_t maxKeyFrameIntervalDuration = 0;  ///< Seconds; 0: no limit of this kind.
-  std::uint64_t expectedFrameRate = 0;            ///< Frames per second.
-  std::int64_t averageBitRate = 0;                ///< Bits per second.
-  double dataRateLimitBytes = 0;                  ///< At most so many bytes …
+  /// Pixels of the encoded picture, 2 … 16384; pictures of another size are scaled to it. An odd size loses its last
+  /// column or row: 4:2:0 pictures have even sizes.
+  std::int32_t width = 0;
+  std::int32_t height = 0;                        ///< See width.
+  std::uint64_t maxKeyFrameInterval = 0;          ///< Frames; 0: see maxKeyFrameIntervalDuration.
+  std::uint64_t maxKeyFrameIntervalDuration = 0;  ///< Seconds, where no count of frames is given; 0: no limit at all.
+  std::uint64_t expectedFrameRate = 0;            ///< Frames per second; 0 or above 1000: not known, taken as 30.
+  std::int64_t averageBitRate = 0;                ///< Bits per second; 0 or less: one that suits size and frame rate.
+  double dataRateLimitBytes = 0;                  ///< At most so many bytes (0 or less: 1.5 times the average) …
   std::int64_t dataRateLimitSeconds = 1;          ///< … in any so many seconds.
   bool realTime = true;
   VideoEncoderOptions options;

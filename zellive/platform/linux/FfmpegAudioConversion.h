@@ -6,7 +6,8 @@
 
 namespace zellive {
 
-/// AAC encoders through libavcodec. Never null.
+/// AAC-LC through libavcodec: libfdk_aac where libavcodec has it, else libavcodec's own encoder. One or two channels,
+/// at the rates that the encoder knows.
 [[nodiscard]] std::shared_ptr<AudioConverterService> makeFfmpegAudioConversion();
 
 }  // namespace zellive
