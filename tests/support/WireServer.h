@@ -1,0 +1,111 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zellive::test {
+
+/// One message as it came over the wire.
+struct WireMessage {
+  std::uint32_t chunkStream = 0;
+  std::uint8_t headerType = 0;       ///< Of its first chunk: 0 to 3.
+  std::uint32_t timestampField = 0;  ///< As written: absolute with header type 0, else the difference; 32 bits.
+  bool extendedTimestamp = false;
+  std::uint32_t timestamp = 0;  ///< Absolute, modulo 2^32.
+  std::uint8_t type = 0;
+  std::uint32_t streamId = 0;
+  std::uint32_t chunks = 0;
+  std::vector<std::uint8_t> body;
+};
+
+/// What the server does instead of serving, to find out how a client bears it.
+enum class WireFault {
+  None,
+  Silent,              ///< Accepts and never says a word.
+  Garbage,             ///< Answers the handshake with noise.
+  CloseInHandshake,    ///< Closes after the client's first bytes.
+  CloseAfterConnect,   ///< Closes when the client asks for a stream.
+  SilentAfterConnect,  ///< Answers connect, then nothing more.
+  RefuseConnect,       ///< NetConnection.Connect.Rejected.
+  RefusePublish,       ///< NetStream.Publish.BadName.
+  CloseMidMessage,     ///< Closes when `faultAfter` media messages and a piece of one more have come.
+  StopReading,         ///< Stops reading after `faultAfter` media messages.
+};
+
+/// A small RTMP server on a free loopback port which takes published streams apart chunk by chunk (Adobe's RTMP
+/// specification 1.0, chapter 5), each connection on a thread of its own.
+class WireServer {
+ public:
+  struct Options {
+    WireFault fault = WireFault::None;
+    std::size_t faultAfter = 3;
+    bool ipv6 = false;
+    int receiveBufferBytes = 0;  ///< 0: the system's.
+  };
+
+  WireServer();
+  explicit WireServer(const Options& options);
+  ~WireServer();
+  WireServer(const WireServer&) = delete;
+  WireServer& operator=(const WireServer&) = delete;
+
+  /// False where the address family is not to be had.
+  [[nodiscard]] bool listening() const { return listener_ >= 0; }
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+  /// "rtmp://127.0.0.1:PORT/live/NAME"
+  [[nodiscard]] std::string url(const std::string& name = "stream") const;
+
+  /// Later connections behave so.
+  void setFault(WireFault fault) { fault_ = fault; }
+  /// Every message of every connection so far, commands and control included.
+  [[nodiscard]] std::vector<WireMessage> messages() const;
+  /// Audio (8), video (9) and data (18) messages only.
+  [[nodiscard]] std::vector<WireMessage> media() const;
+  /// Names of the commands that came: "connect", "publish", "deleteStream" …
+  [[nodiscard]] std::vector<std::string> commands() const;
+  [[nodiscard]] std::size_t connections() const { return accepted_; }
+  /// Whether the client's bytes could always be parsed.
+  [[nodiscard]] bool wellFormed() const { return wellFormed_; }
+  /// Waits until the predicate holds; looked at after each message, connection and close. False after `limit`.
+  bool waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit = std::chrono::seconds(10));
+  bool waitForMedia(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10));
+  /// Connections that have ended, by whomever.
+  [[nodiscard]] std::size_t closed() const { return closed_; }
+
+  /// Sends a user control ping request on every open connection.
+  void ping(std::uint32_t stamp);
+  /// Cuts every open connection.
+  void cut();
+
+ private:
+  struct Client;
+  void acceptLoop();
+  void serve(Client& client);
+  void add(WireMessage message);
+  void note();
+
+  const Options options_;
+  std::atomic<WireFault> fault_;
+  int listener_ = -1;
+  std::uint16_t port_ = 0;
+  std::thread acceptor_;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::unique_ptr<Client>> clients_;
+  std::vector<WireMessage> messages_;
+  std::vector<std::string> commands_;
+  std::atomic<std::size_t> accepted_{0};
+  std::atomic<std::size_t> closed_{0};
+  std::atomic<bool> wellFormed_{true};
+  std::atomic<bool> ending_{false};
+};
+
+}  // namespace zellive::test
