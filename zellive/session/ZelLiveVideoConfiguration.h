@@ -99,7 +99,7 @@ class ZelLiveVideoConfiguration {
   void setVideoSize(Size size) noexcept { videoSize_ = size; }
   /// Size in pixels that the capture preset delivers, oriented.
   [[nodiscard]] Size captureOutVideoSize() const;
-  /// Keeps the value for the archive; the getter computes its own.
+  /// Kept, and read by nothing: the getter and the archive take the computed size.
   void setCaptureOutVideoSize(Size size) noexcept { captureOutVideoSize_ = size; }
   /// captureOutVideoSize()'s shape fitted into the stored size, both sides even.
   [[nodiscard]] Size aspectRatioVideoSize() const;
