@@ -300,19 +300,20 @@ TEST_F(QueueTest, ThreadsTakeNoSignalsAndBearTheLabel) {
 
 TEST_F(QueueTest, GlobalQueueRunsTasksSideBySide) {
   const auto global = service->globalQueue();
-  Event first;
-  Event second;
-  global->async([&] {
+  // The tasks' own: one of them may still be returning from its wait when the test is over.
+  const auto first = std::make_shared<Event>();
+  const auto second = std::make_shared<Event>();
+  global->async([global, first, second] {
     EXPECT_TRUE(global->isCurrent());
-    EXPECT_TRUE(second.wait());
-    first.set();
+    EXPECT_TRUE(second->wait());
+    first->set();
   });
-  global->after(0ms, [&] {
+  global->after(0ms, [global, first, second] {
     EXPECT_TRUE(global->isCurrent());
-    second.set();
-    EXPECT_TRUE(first.wait());
+    second->set();
+    EXPECT_TRUE(first->wait());
   });
-  EXPECT_TRUE(first.wait());
+  EXPECT_TRUE(first->wait());
 }
 
 }  // namespace
