@@ -8,28 +8,18 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/Event.h"
 #include "zellive/platform/linux/AsioQueues.h"
 
 namespace zellive {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// Something that happens once and is waited for.
-class Event {
- public:
-  void set() { promise_.set_value(); }
-  [[nodiscard]] bool wait() const { return future_.wait_for(30s) == std::future_status::ready; }
-
- private:
-  std::promise<void> promise_;
-  std::shared_future<void> future_ = promise_.get_future().share();
-};
+using test::Event;
 
 /// Runs `task` on the queue and waits for it.
 void runOn(Queue& queue, const Task& task) {
@@ -300,20 +290,21 @@ TEST_F(QueueTest, ThreadsTakeNoSignalsAndBearTheLabel) {
 
 TEST_F(QueueTest, GlobalQueueRunsTasksSideBySide) {
   const auto global = service->globalQueue();
-  // The tasks' own: one of them may still be returning from its wait when the test is over.
-  const auto first = std::make_shared<Event>();
-  const auto second = std::make_shared<Event>();
-  global->async([global, first, second] {
+  Event first;
+  Event second;
+  Event both;
+  global->async([&] {
     EXPECT_TRUE(global->isCurrent());
-    EXPECT_TRUE(second->wait());
-    first->set();
+    EXPECT_TRUE(second.wait());
+    first.set();
   });
-  global->after(0ms, [global, first, second] {
+  global->after(0ms, [&] {
     EXPECT_TRUE(global->isCurrent());
-    second->set();
-    EXPECT_TRUE(first->wait());
+    second.set();
+    EXPECT_TRUE(first.wait());
+    both.set();
   });
-  EXPECT_TRUE(first->wait());
+  EXPECT_TRUE(both.wait());
 }
 
 }  // namespace

@@ -6,16 +6,14 @@
 
 #include <array>
 #include <cstdio>
-#include <future>
 #include <string>
 
+#include "tests/support/Event.h"
 #include "zellive/platform/linux/AsioQueues.h"
 #include "zellive/platform/linux/Descriptor.h"
 
 namespace zellive {
 namespace {
-
-using namespace std::chrono_literals;
 
 class ReadWatchTest : public testing::Test {
  protected:
@@ -30,9 +28,9 @@ class ReadWatchTest : public testing::Test {
   }
   /// Everything posted to the queue before this has run afterwards.
   void settle() {
-    std::promise<void> done;
-    queue_->async([&] { done.set_value(); });
-    ASSERT_EQ(done.get_future().wait_for(30s), std::future_status::ready);
+    test::Event done;
+    queue_->async([&] { done.set(); });
+    ASSERT_TRUE(done.wait());
   }
 
   Descriptor near_;
@@ -43,8 +41,8 @@ class ReadWatchTest : public testing::Test {
 
 TEST_F(ReadWatchTest, TellsEachArrivalAndThePeersEnd) {
   std::string received;
-  std::promise<void> first;
-  std::promise<void> end;
+  test::Event first;
+  test::Event end;
   std::unique_ptr<ReadWatch> watch;
   watch = queue_->whenReadable(near_.get(), [&] {
     EXPECT_TRUE(queue_->isCurrent());
@@ -52,19 +50,19 @@ TEST_F(ReadWatchTest, TellsEachArrivalAndThePeersEnd) {
     if (::read(near_.get(), &byte, 1) == 1) {  // One byte a call: what remains is told again.
       received += byte;
       if (received == "abc") {
-        first.set_value();
+        first.set();
       }
     } else {
       watch.reset();  // From its own handler.
-      end.set_value();
+      end.set();
     }
   });
   ASSERT_NE(watch, nullptr);
   send("abc");
-  ASSERT_EQ(first.get_future().wait_for(30s), std::future_status::ready);
+  ASSERT_TRUE(first.wait());
   send("de");
   far_ = {};
-  ASSERT_EQ(end.get_future().wait_for(30s), std::future_status::ready);
+  ASSERT_TRUE(end.wait());
   EXPECT_EQ(received, "abcde");
 }
 
@@ -76,14 +74,14 @@ TEST_F(ReadWatchTest, LeavesTheDescriptorAsItIs) {
 
 TEST_F(ReadWatchTest, NoCallBeginsOnceDestroyedOnItsQueue) {
   int calls = 0;
-  std::promise<void> called;
+  test::Event called;
   std::unique_ptr<ReadWatch> watch = queue_->whenReadable(near_.get(), [&] {
     if (calls++ == 0) {
-      called.set_value();
+      called.set();
     }
   });
   send("x");  // Never read, so the handler is due all the time.
-  ASSERT_EQ(called.get_future().wait_for(30s), std::future_status::ready);
+  ASSERT_TRUE(called.wait());
   int atEnd = 0;
   queue_->async([&] {
     watch.reset();
