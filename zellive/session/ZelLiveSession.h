@@ -135,6 +135,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   /// The last statistics, if there are any.
   [[nodiscard]] std::optional<ZelLiveDebug> debugInfo() const;
   /// Which encoder to use; before the first picture.
+  [[nodiscard]] VideoEncoderOptions videoEncoderOptions() const;
   void setVideoEncoderOptions(VideoEncoderOptions options);
   /// Bits per second that the video encoder is set to at present; 0 while there is none.
   [[nodiscard]] std::uint64_t videoBitRate() const;
@@ -169,6 +170,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void observeApplication();
   /// Makes the publisher; a test may put a connection of its own under it.
   virtual std::shared_ptr<ZelStreamRtmpSocket> makeSocket(std::shared_ptr<ZelLiveStreamInfo> streamInfo);
+  /// Hands an encoded frame to the publisher.
+  virtual void pushSendBuffer(std::shared_ptr<const ZelFrame> frame);
 
  private:
   using Frame = std::shared_ptr<const ZelFrame>;
@@ -188,7 +191,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   };
 
   // Lifecycle (ZelLiveSession.cpp)
-  void endLive(const char* message);
+  bool endLive(const char* how);
   void clean();
   template <typename Stage, typename Make>
   std::shared_ptr<Stage> stage(std::shared_ptr<Stage> Stages::*member, Make make);
@@ -218,8 +221,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   double audioRate() const;
   void renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuffer);
   void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock);
-  void logPicture(std::int64_t videoSeqId, double videoClock, double frameRate) const;
-  void pushSendBuffer(Frame frame);
+  void logPicture(std::int64_t videoSeqId, double clock, double frameRate) const;
   std::uint64_t uploadTimestamp(std::uint64_t timestamp) const;
   void videoFrameWithoutAlignment();
   void audioCheck();
@@ -231,7 +233,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void fillAudioFrameInTurnOffAudio(std::uint64_t generation);
   void fillVideoFrameInTurnOffVideo(std::uint64_t generation);
   void fillVideoInBackgroud(std::uint64_t generation);
-  bool sendFillerPicture();
+  void sendFillerPicture();
 
   // Live room (ZelLiveSessionRoom.cpp)
   void refreshPushUrl();
@@ -242,6 +244,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   const std::shared_ptr<const Platform> platform_;
   const std::int64_t captureType_;
 
+  /// Held while a stage is made; never taken with stagesLock_ held.
+  std::recursive_mutex makingLock_;
   mutable std::mutex stagesLock_;
   Stages stages_;
   bool spent_ = false;
@@ -249,7 +253,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   AudioStreamBasicDescription inputAudioASBD_;
   std::shared_ptr<Queue> a_v_process_queue_;
   std::vector<std::shared_ptr<DelayedWork>> checks_;
-  std::weak_ptr<ZelStreamRtmpSocket> stoppedSocket_;
+  /// Kept until the session goes, for waitUntilStopped.
+  std::shared_ptr<ZelStreamRtmpSocket> stoppedSocket_;
   Frame lastVideoFrame_;
   Frame lastAudioFrame_;
 
@@ -261,7 +266,9 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   double lastVideoTimestamp_ = 0;
   std::uint64_t relativeTimeStamp_ = 0;
   float audioSampleMS_ = 0;
-  std::uint32_t fr_ = 0;
+  std::uint64_t fr_ = 0;
+
+  ZelLiveTool tool_;
 
   std::atomic<std::int64_t> audioSeqId_{0};
   std::atomic<std::int64_t> videoSeqId_{0};

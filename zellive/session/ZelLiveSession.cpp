@@ -1,0 +1,532 @@
+#include "zellive/session/ZelLiveSession.h"
+
+#include <utility>
+
+#include "zellive/platform/Log.h"
+
+namespace zellive {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kStartUpCheckDelay = 10s;
+
+}  // namespace
+
+std::shared_ptr<ZelLiveSession> ZelLiveSession::create(std::int64_t captureType) {
+  return create(captureType, ZelLiveVideoQualityMedium);
+}
+
+std::shared_ptr<ZelLiveSession> ZelLiveSession::create(std::int64_t captureType, std::uint64_t videoQuality) {
+  return create(ZelLiveAudioConfiguration::defaultConfiguration(),
+                ZelLiveVideoConfiguration::defaultConfigurationForQuality(videoQuality, captureType), captureType);
+}
+
+std::shared_ptr<ZelLiveSession> ZelLiveSession::create(AudioConfiguration audioConfiguration,
+                                                       VideoConfiguration videoConfiguration) {
+  return create(std::move(audioConfiguration), std::move(videoConfiguration),
+                ZelLiveCaptureAudio | ZelLiveCaptureVideo);
+}
+
+std::shared_ptr<ZelLiveSession> ZelLiveSession::create(AudioConfiguration audioConfiguration,
+                                                       VideoConfiguration videoConfiguration, std::int64_t captureType,
+                                                       std::shared_ptr<const Platform> platform) {
+  struct Shared : ZelLiveSession {
+    Shared(AudioConfiguration a, VideoConfiguration v, std::int64_t type, std::shared_ptr<const Platform> set)
+        : ZelLiveSession(std::move(a), std::move(v), type, std::move(set)) {}
+  };
+  auto session = std::make_shared<Shared>(std::move(audioConfiguration), std::move(videoConfiguration), captureType,
+                                          std::move(platform));
+  session->observeApplication();
+  return session;
+}
+
+ZelLiveSession::ZelLiveSession(AudioConfiguration audioConfiguration, VideoConfiguration videoConfiguration,
+                               std::int64_t captureType, std::shared_ptr<const Platform> platform)
+    : platform_(std::move(platform)), captureType_(captureType) {
+  if (!audioConfiguration && hasType(ZelLiveCaptureAudio | ZelLiveInputAudio)) {
+    throw ZelException("ZelLiveSession init error.", "audioConfiguration is nil.");
+  }
+  if (!videoConfiguration && hasType(ZelLiveCaptureVideo | ZelLiveInputVideo)) {
+    throw ZelException("ZelLiveSession init error.", "videoConfiguration is nil.");
+  }
+  stages_.audioConfiguration = std::move(audioConfiguration);
+  stages_.videoConfiguration = std::move(videoConfiguration);
+  if (hasType(ZelLiveInputAudio)) {
+    inputAudioASBD_.mSampleRate = 48000.0;
+    inputAudioASBD_.mChannelsPerFrame = 1;
+    audioSampleMS_ = 1024.0F;
+  }
+  if (hasType(ZelLiveInputVideo)) {
+    inputVideoFrameRate_ = 30;
+  }
+}
+
+ZelLiveSession::~ZelLiveSession() {
+  ZEL_LOG_INFO("Live: %s %s", "dealloc", describeObject("ZelLiveSession", this).c_str());
+  // A publisher that waits to reconnect keeps itself alive: without this it would go on with nobody to feed it.
+  if (auto publisher = socket()) {
+    publisher->stop();
+  }
+  clean();
+}
+
+void ZelLiveSession::observeApplication() {
+  const auto observe = [this](const char* name, void (ZelLiveSession::*handler)()) {
+    observations_.push_back(
+        platform_->notifications->addObserver(name, [weak = weak_from_this(), handler](const UserInfo&) {
+          if (auto self = weak.lock()) {
+            (self.get()->*handler)();
+          }
+        }));
+  };
+  observe(notification::DidEnterBackground, &ZelLiveSession::willEnterBackground);
+  observe(notification::WillEnterForeground, &ZelLiveSession::willEnterForeground);
+  observe(notification::WillResignActive, &ZelLiveSession::willResignActive);
+  observe(notification::DidBecomeActive, &ZelLiveSession::becomeActive);
+}
+
+// ---- Control
+
+void ZelLiveSession::startLive(std::shared_ptr<ZelLiveStreamInfo> streamInfo) {
+  if (!streamInfo) {
+    return;
+  }
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (spent_ || stages_.streamInfo) {
+      ZEL_LOG_WARNING("Live: this session has %s; a new run needs a new session", spent_ ? "ended" : "started already");
+      return;
+    }
+    stages_.streamInfo = streamInfo;
+  }
+  auto publisher = makeSocket(std::move(streamInfo));
+  publisher->setDelegate(weak_from_this());
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (spent_) {
+      return;
+    }
+    stages_.socket = publisher;
+  }
+  if (hasType(ZelLiveAnyReplay)) {
+    setRunning(true);
+  }
+  publisher->start();
+  liveMonitor();
+
+  const auto schedule = [this](void (ZelLiveSession::*check)()) {
+    return platform_->queues->mainQueue()->after(kStartUpCheckDelay, [weak = weak_from_this(), check] {
+      if (auto self = weak.lock()) {
+        (self.get()->*check)();
+      }
+    });
+  };
+  auto audio = schedule(&ZelLiveSession::audioCheck);
+  auto video = schedule(&ZelLiveSession::videoCheck);
+  const std::lock_guard lock(stagesLock_);
+  if (spent_) {
+    audio->cancel();
+    video->cancel();
+    return;
+  }
+  checks_ = {std::move(audio), std::move(video)};
+}
+
+void ZelLiveSession::suspendLive() {
+  if (endLive("Suspend")) {
+    // The room went with the stream info, so this sends nothing; the order is part of the behaviour.
+    liveUpdateStatus(1);
+  }
+}
+
+void ZelLiveSession::stopLive() {
+  if (endLive("Stop")) {
+    stopLiveWithRoomId();
+  }
+}
+
+bool ZelLiveSession::endLive(const char* how) {
+  std::vector<std::shared_ptr<DelayedWork>> checks;
+  std::shared_ptr<ZelStreamRtmpSocket> publisher;
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (spent_) {
+      return false;
+    }
+    checks.swap(checks_);
+    publisher = stages_.socket;
+    if (publisher) {
+      stoppedSocket_ = publisher;
+    }
+  }
+  ZEL_LOG_INFO("Live: %s Live %s", how, describeObject("ZelLiveSession", this).c_str());
+  for (const auto& check : checks) {
+    check->cancel();
+  }
+  uploading_ = false;
+  if (hasType(ZelLiveAnyReplay)) {
+    setRunning(false);
+  }
+  if (publisher) {
+    publisher->stop();
+  }
+  clean();
+  return true;
+}
+
+bool ZelLiveSession::waitUntilStopped(std::chrono::milliseconds limit) {
+  std::shared_ptr<ZelStreamRtmpSocket> publisher;
+  {
+    const std::lock_guard lock(stagesLock_);
+    publisher = stoppedSocket_;
+    if (stages_.socket) {
+      return false;  // Still running: nobody has stopped it.
+    }
+  }
+  return !publisher || publisher->waitUntilStopped(limit);
+}
+
+void ZelLiveSession::clean() {
+  // The stages are released outside the lock: their destructors wait for work that may be calling us.
+  Stages released;
+  Frame lastVideo;
+  Frame lastAudio;
+  std::shared_ptr<Queue> queue;
+  std::vector<std::shared_ptr<DelayedWork>> checks;
+  std::vector<NotificationCenter::Observation> observations;
+  {
+    const std::lock_guard lock(stagesLock_);
+    spent_ = true;
+    std::swap(released, stages_);
+    lastVideo.swap(lastVideoFrame_);
+    lastAudio.swap(lastAudioFrame_);
+    queue.swap(a_v_process_queue_);
+    checks.swap(checks_);
+    observations.swap(observations_);
+  }
+  uploading_ = false;
+  for (const auto& check : checks) {
+    check->cancel();
+  }
+  released.socket.reset();
+  released.streamInfo.reset();
+  released.audioEncoder.reset();
+  released.videoEncoder.reset();
+}
+
+// ---- Stages
+
+template <typename Stage, typename Make>
+std::shared_ptr<Stage> ZelLiveSession::stage(std::shared_ptr<Stage> Stages::*member, Make make) {
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (stages_.*member || spent_) {
+      return stages_.*member;
+    }
+  }
+  // Making a stage takes time and logs; a log handler of the application's may well ask the session something.
+  const std::lock_guard one(makingLock_);
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (stages_.*member || spent_) {
+      return stages_.*member;
+    }
+  }
+  std::shared_ptr<Stage> made = make();
+  const std::lock_guard lock(stagesLock_);
+  if (!spent_) {
+    stages_.*member = made;
+  }
+  return stages_.*member;
+}
+
+std::shared_ptr<ZelStreamRtmpSocket> ZelLiveSession::makeSocket(std::shared_ptr<ZelLiveStreamInfo> streamInfo) {
+  return ZelStreamRtmpSocket::create(std::move(streamInfo), static_cast<std::int64_t>(reconnectInterval_.load()),
+                                     static_cast<std::int64_t>(reconnectCount_.load()), platform_);
+}
+
+std::shared_ptr<ZelStreamRtmpSocket> ZelLiveSession::socket() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.socket;
+}
+
+std::shared_ptr<ZelHardwareAudioEncoder> ZelLiveSession::audioEncoder() {
+  return stage(&Stages::audioEncoder, [this] {
+    auto encoder = ZelHardwareAudioEncoder::create(audioConfiguration(), platform_);
+    if (encoder) {
+      encoder->setDelegate(weak_from_this());
+    }
+    return encoder;
+  });
+}
+
+std::shared_ptr<ZelHardwareVideoEncoder> ZelLiveSession::videoEncoder() {
+  return stage(&Stages::videoEncoder, [this] {
+    auto encoder = ZelHardwareVideoEncoder::create(videoConfiguration(), platform_, videoEncoderOptions());
+    if (encoder) {
+      encoder->setDelegate(weak_from_this());
+    }
+    return encoder;
+  });
+}
+
+std::shared_ptr<ZelHardwareVideoEncoder> ZelLiveSession::existingVideoEncoder() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.videoEncoder;
+}
+
+std::shared_ptr<ZelLiveAudioPool> ZelLiveSession::audioPool() {
+  return stage(&Stages::audioPool, [this] {
+    auto pool = ZelLiveAudioPool::create();
+    pool->setDelegate(weak_from_this());
+    return pool;
+  });
+}
+
+std::shared_ptr<ZelLivePixelBufferFitSizeFilter> ZelLiveSession::pbFilter() {
+  return stage(&Stages::pbFilter, [this]() -> std::shared_ptr<ZelLivePixelBufferFitSizeFilter> {
+    const auto configuration = videoConfiguration();
+    if (!configuration) {
+      return nullptr;
+    }
+    auto filter = std::make_shared<ZelLivePixelBufferFitSizeFilter>(configuration->videoSize());
+    filter->setDelegate(weak_from_this());
+    return filter;
+  });
+}
+
+ZelLiveSession::AudioConfiguration ZelLiveSession::audioConfiguration() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.audioConfiguration;
+}
+
+ZelLiveSession::VideoConfiguration ZelLiveSession::videoConfiguration() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.videoConfiguration;
+}
+
+// ---- Publisher
+
+void ZelLiveSession::socketStatus(ZelStreamRtmpSocket& socket, std::uint64_t status) {
+  ZEL_LOG_INFO("Live: socket status %lu socket: %s session: %s", static_cast<unsigned long>(status),
+               describeObject("ZelStreamRtmpSocket", &socket).c_str(), describeObject("ZelLiveSession", this).c_str());
+  switch (status) {
+    case ZelStreamSocketStatusConnected: {
+      bool running = true;
+      {
+        // A stream that is being stopped must not come back to life.
+        const std::lock_guard lock(stagesLock_);
+        running = uploading_ || spent_;
+      }
+      if (!running) {
+        resetMedia();
+      }
+      if (auto encoder = existingVideoEncoder()) {
+        encoder->requestKeyFrame();
+      }
+      break;
+    }
+    case ZelStreamSocketStatusStopped:
+      uploading_ = false;
+      break;
+    case ZelStreamSocketStatusError:
+      liveUpdateStatus(1);
+      break;
+    default:
+      break;
+  }
+  setState(status);
+}
+
+void ZelLiveSession::socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) {
+  onMainQueue([code](ZelLiveSession& session, ZelLiveSessionDelegate& delegate) {
+    delegate.liveSessionErrorCode(session, code);
+  });
+}
+
+void ZelLiveSession::socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState status) {
+  if (!hasType(ZelLiveAnyVideo) || !adaptiveBitRate_) {
+    return;
+  }
+  const auto encoder = existingVideoEncoder();
+  const auto configuration = videoConfiguration();
+  if (!encoder || !configuration) {
+    return;
+  }
+  const auto bitRate = static_cast<std::int64_t>(encoder->videoBitRate());
+  if (status == ZelStreamingBufferStateDecrease) {
+    if (bitRate < static_cast<std::int64_t>(configuration->videoMaxBitRate())) {
+      encoder->setVideoBitRate(bitRate + 50000);
+      ZEL_LOG_INFO("Live: Increase bitrate %lld", static_cast<long long>(bitRate + 50000));
+    }
+  } else if (bitRate > static_cast<std::int64_t>(configuration->videoMinBitRate()) && bitRate > 100000) {
+    encoder->setVideoBitRate(bitRate - 100000);
+    ZEL_LOG_INFO("Live: Decline bitrate %lld", static_cast<long long>(bitRate - 100000));
+  }
+}
+
+void ZelLiveSession::socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) {
+  std::shared_ptr<ZelLiveSessionDelegate> delegate;
+  {
+    const std::lock_guard lock(stagesLock_);
+    delegate = stages_.delegate.lock();
+  }
+  if (delegate) {
+    delegate->liveSessionLiveBufferCount(*this, count);
+  }
+}
+
+void ZelLiveSession::socketDebugInfo(ZelStreamRtmpSocket&, const ZelLiveDebug& info) {
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (spent_) {
+      return;
+    }
+    stages_.debugInfo = info;
+  }
+  if (showDebugInfo_) {
+    onMainQueue([info](ZelLiveSession& session, ZelLiveSessionDelegate& delegate) {
+      delegate.liveSessionDebugInfo(session, info);
+    });
+  }
+}
+
+void ZelLiveSession::socketRequestNewUrl(ZelStreamRtmpSocket&) { refreshPushUrl(); }
+
+// ---- Delegate
+
+template <typename Call>
+void ZelLiveSession::onMainQueue(Call call) {
+  platform_->queues->mainQueue()->async([weak = weak_from_this(), call = std::move(call)] {
+    auto self = weak.lock();
+    if (!self) {
+      return;
+    }
+    std::shared_ptr<ZelLiveSessionDelegate> delegate;
+    {
+      const std::lock_guard lock(self->stagesLock_);
+      delegate = self->stages_.delegate.lock();
+    }
+    if (delegate) {
+      call(*self, *delegate);
+    }
+  });
+}
+
+void ZelLiveSession::setState(std::uint64_t state) {
+  state_ = state;
+  notifyState(state);
+}
+
+void ZelLiveSession::notifyState(std::uint64_t state) {
+  onMainQueue([state](ZelLiveSession& session, ZelLiveSessionDelegate& delegate) {
+    delegate.liveSessionLiveStateDidChange(session, state);
+  });
+}
+
+// ---- Application
+
+void ZelLiveSession::willEnterBackground() {
+  ZEL_LOG_INFO("Live: enter backgroud");
+  isBackGround_ = true;
+  if (auto encoder = existingVideoEncoder()) {
+    encoder->willEnterBackground();
+  }
+  fillVideoFrame_ = 0;
+  startFiller(&ZelLiveSession::fillVideoInBackgroud, backgroundFillerGeneration_);
+}
+
+void ZelLiveSession::willEnterForeground() {
+  ZEL_LOG_INFO("Live: enter foregroud");
+  isBackGround_ = false;
+  if (auto encoder = existingVideoEncoder()) {
+    encoder->willEnterForeground();
+  }
+  if (inputVideoOff_ && hasType(ZelLiveInputVideo)) {
+    startFiller(&ZelLiveSession::fillVideoFrameInTurnOffVideo, videoFillerGeneration_);
+  }
+  ZEL_LOG_INFO("Live: fill videoFrame %lld in backgroud.", static_cast<long long>(fillVideoFrame_.load()));
+}
+
+void ZelLiveSession::willResignActive() { ZEL_LOG_INFO("Live: resign active"); }
+
+void ZelLiveSession::becomeActive() { ZEL_LOG_INFO("Live: become active"); }
+
+// ---- Properties
+
+void ZelLiveSession::setDelegate(std::weak_ptr<ZelLiveSessionDelegate> delegate) {
+  const std::lock_guard lock(stagesLock_);
+  if (!spent_) {
+    stages_.delegate = std::move(delegate);
+  }
+}
+
+void ZelLiveSession::setRunning(bool running) {
+  if (running_.exchange(running) == running) {
+    return;
+  }
+  if (running && hasType(ZelLiveCaptureAudio | ZelLiveCaptureVideo | ZelLiveAnyReplay)) {
+    ZEL_LOG_WARNING("Live: this version has no microphone, camera or screen source; push audio and pictures instead");
+  }
+  keyValueObservers_.post("running", {{"new", running ? 1 : 0}});
+}
+
+void ZelLiveSession::setCaptureDevicePosition(std::int64_t position) {
+  if (captureDevicePosition_.exchange(position) != position) {
+    keyValueObservers_.post("captureDevicePosition", {{"new", position}});
+  }
+}
+
+std::int64_t ZelLiveSession::denoiseLevel() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.audioPool ? stages_.audioPool->denoiseLevel() : 0;
+}
+
+void ZelLiveSession::setDenoiseLevel(std::int64_t level) {
+  if (auto pool = audioPool()) {
+    pool->setDenoiseLevel(level);
+  }
+}
+
+AudioStreamBasicDescription ZelLiveSession::inputAudioASBD() const {
+  const std::lock_guard lock(stagesLock_);
+  return inputAudioASBD_;
+}
+
+void ZelLiveSession::setInputAudioASBD(const AudioStreamBasicDescription& description) {
+  const std::lock_guard lock(stagesLock_);
+  inputAudioASBD_ = description;
+}
+
+std::shared_ptr<ZelLiveStreamInfo> ZelLiveSession::streamInfo() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.streamInfo;
+}
+
+std::optional<ZelLiveDebug> ZelLiveSession::debugInfo() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.debugInfo;
+}
+
+void ZelLiveSession::setVideoEncoderOptions(VideoEncoderOptions options) {
+  const std::lock_guard lock(stagesLock_);
+  videoEncoderOptions_ = std::move(options);
+}
+
+VideoEncoderOptions ZelLiveSession::videoEncoderOptions() const {
+  const std::lock_guard lock(stagesLock_);
+  return videoEncoderOptions_;
+}
+
+std::uint64_t ZelLiveSession::videoBitRate() const {
+  const auto encoder = existingVideoEncoder();
+  return encoder ? encoder->videoBitRate() : 0;
+}
+
+NotificationCenter::Observation ZelLiveSession::observe(std::string_view keyPath, NotificationCenter::Handler handler) {
+  return keyValueObservers_.addObserver(keyPath, std::move(handler));
+}
+
+}  // namespace zellive

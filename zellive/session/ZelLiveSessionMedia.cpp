@@ -1,0 +1,307 @@
+// The road of audio and pictures from the sources through the encoders to the publisher, on one clock.
+#include <utility>
+
+#include "zellive/platform/Log.h"
+#include "zellive/session/ZelLiveSession.h"
+
+namespace zellive {
+namespace {
+
+constexpr std::int64_t kNoUploadError = -5801;
+constexpr std::int64_t kRecorderWarning = 1201;
+constexpr std::int64_t kRecorderInactive = 1202;
+
+}  // namespace
+
+void ZelLiveSession::resetMedia() {
+  hasCaptureAudio_ = false;
+  hasKeyFrameVideo_ = false;
+  recoderNoAudioFrame_ = 0;
+  recoderNoVideoFrame_ = 0;
+  {
+    const std::lock_guard lock(lock_);
+    relativeTimeStamp_ = 0;
+    lastAudioTimestamp_ = 0.0;
+  }
+  videoSeqId_ = 0;
+  audioSeqId_ = 0;
+  didNotiLiveStatusToServer_ = false;
+  uploading_ = true;
+}
+
+bool ZelLiveSession::AVAlignnment() const {
+  return !hasType(ZelLiveAnyAudio) || !hasType(ZelLiveAnyVideo) || (hasCaptureAudio_ && hasKeyFrameVideo_);
+}
+
+std::uint64_t ZelLiveSession::uploadTimestamp(std::uint64_t timestamp) const {
+  const std::lock_guard lock(lock_);
+  return timestamp - relativeTimeStamp_;
+}
+
+double ZelLiveSession::audioClock() const {
+  const std::lock_guard lock(lock_);
+  return lastAudioTimestamp_;
+}
+
+double ZelLiveSession::audioRate() const {
+  const auto configuration = audioConfiguration();
+  return configuration ? static_cast<double>(configuration->audioSampleRate()) : 0.0;
+}
+
+// ---- Audio in
+
+void ZelLiveSession::pushAudio(std::span<const std::uint8_t> data) {
+  if (!hasType(ZelLiveInputAudio) || !uploading_ || inputAudioOff_) {
+    return;
+  }
+  const auto format = inputAudioASBD();
+  if (sampled(10000)) {
+    ZEL_LOG_INFO("Live: input audio sampleRate: %f channel: %d data: %lu(1/10000)", format.mSampleRate,
+                 static_cast<int>(format.mChannelsPerFrame), static_cast<unsigned long>(data.size()));
+  }
+  receiveAudio(data, format.mSampleRate);
+}
+
+void ZelLiveSession::audioCaptureOutputAudioData(ZelLiveAudioCapture*, std::span<const std::uint8_t> audioData) {
+  if (uploading_) {
+    receiveAudio(audioData, audioRate());
+  }
+}
+
+void ZelLiveSession::replayCaptureOutputAudioData(ZelLiveReplayCapture*, std::span<const std::uint8_t> audioData) {
+  if (!hasType(ZelLiveInputAudio) && uploading_) {
+    receiveAudio(audioData, audioRate());
+  }
+}
+
+void ZelLiveSession::receiveAudio(std::span<const std::uint8_t> data, double sampleRate) {
+  if (!(sampleRate > 0)) {
+    if (sampled(1000)) {
+      ZEL_LOG_ERROR("Live: audio with a sample rate of %f is dropped", sampleRate);
+    }
+    return;
+  }
+  const auto pool = audioPool();
+  if (!pool || data.empty()) {
+    return;
+  }
+  const std::lock_guard oneSource(audioLock_);
+  // The samples are counted as one channel whatever the channel count is.
+  const auto samples = static_cast<float>(data.size() / 2);
+  const float duration = samples / (static_cast<float>(sampleRate) / 1000.0F);
+  double clock = 0;
+  {
+    const std::lock_guard lock(lock_);
+    lastAudioTimestamp_ += static_cast<double>(duration);
+    audioSampleMS_ = samples;
+    clock = lastAudioTimestamp_;
+  }
+  const auto seqId = ++audioSeqId_;
+  if (seqId % 2000 == 0) {
+    ZEL_LOG_INFO("Live: timestamp:%f seqId:(a:%lld v:%lld) ms:%f (1/2000)", clock, static_cast<long long>(seqId),
+                 static_cast<long long>(videoSeqId_.load()), static_cast<double>(duration));
+  }
+  pool->receiveAudioData(data, clock);
+}
+
+void ZelLiveSession::processedAudioData(ZelLiveAudioPool&, std::span<const std::uint8_t> audioData, double timeStamp) {
+  if (!uploading_) {
+    return;
+  }
+  if (auto encoder = audioEncoder()) {
+    encoder->encodeAudioData(audioData, static_cast<std::uint64_t>(timeStamp));
+  }
+}
+
+// ---- Pictures in
+
+void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
+  if (!pixelBuffer || !hasType(ZelLiveInputVideo) || !uploading_) {
+    return;
+  }
+  const auto pushedRate = inputVideoFrameRate_.load();
+  if (sampled(10000)) {
+    ZEL_LOG_INFO("Live: input video frameRate: %lu: buffer: %s(1/10000)", static_cast<unsigned long>(pushedRate),
+                 describeObject("PixelBuffer", pixelBuffer.get()).c_str());
+  }
+  const auto configuration = videoConfiguration();
+  if (!configuration) {
+    return;
+  }
+  const auto rate = configuration->videoFrameRate();
+  double clock = 0;
+  {
+    const std::lock_guard lock(lock_);
+    if (++fr_ < (rate == 0 ? 0 : pushedRate / rate)) {
+      return;
+    }
+    fr_ = 0;
+    clock = lastAudioTimestamp_;
+  }
+  logPicture(++videoSeqId_, clock, static_cast<double>(pushedRate));
+  render(tool_.copyPixelBuffer(pixelBuffer), clock);
+}
+
+void ZelLiveSession::videoCaptureOutputPixelBuffer(ZelLiveVideoCapture*, std::shared_ptr<PixelBuffer> pixelBuffer) {
+  renderCaptured(pixelBuffer);
+}
+
+void ZelLiveSession::replayCaptureOutputPixelBuffer(ZelLiveReplayCapture*, std::shared_ptr<PixelBuffer> pixelBuffer) {
+  renderCaptured(pixelBuffer);
+}
+
+void ZelLiveSession::renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuffer) {
+  const auto configuration = videoConfiguration();
+  if (!uploading_ || !configuration) {
+    return;
+  }
+  double clock = 0;
+  {
+    const std::lock_guard lock(lock_);
+    clock = lastVideoTimestamp_ = lastAudioTimestamp_;
+  }
+  logPicture(++videoSeqId_, clock, static_cast<double>(configuration->videoFrameRate()));
+  render(pixelBuffer, clock);
+}
+
+void ZelLiveSession::logPicture(std::int64_t videoSeqId, double clock, double frameRate) const {
+  if (videoSeqId % 1000 == 0) {
+    ZEL_LOG_INFO("Live: timestamp:(a:%f v:%f) seqId:(a:%lld v:%lld) ms:%f (1/1000)", clock, clock,
+                 static_cast<long long>(audioSeqId_.load()), static_cast<long long>(videoSeqId),
+                 frameRate > 0 ? 1000.0 / frameRate : 0.0);
+  }
+}
+
+void ZelLiveSession::render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock) {
+  if (auto filter = pbFilter()) {
+    filter->renderPixelBuffer(pixelBuffer, clock);
+  }
+}
+
+void ZelLiveSession::filterPixelBuffer(ZelLivePixelBufferFitSizeFilter& filter,
+                                       std::shared_ptr<PixelBuffer> pixelBuffer, double timeStamp) {
+  {
+    const std::lock_guard lock(stagesLock_);
+    if (stages_.pbFilter.get() != &filter) {
+      return;
+    }
+  }
+  if (auto encoder = videoEncoder()) {
+    encoder->encodeVideoData(std::move(pixelBuffer), static_cast<std::uint64_t>(timeStamp));
+  }
+}
+
+// ---- Encoded frames
+
+void ZelLiveSession::audioEncoderAudioFrame(ZelAudioEncoding&, std::shared_ptr<const ZelLiveAudioFrame> frame) {
+  if (!uploading_) {
+    return;
+  }
+  const bool first = !hasCaptureAudio_.exchange(true);
+  if (AVAlignnment()) {
+    {
+      const std::lock_guard lock(stagesLock_);
+      lastAudioFrame_ = frame;
+    }
+    pushSendBuffer(std::move(frame));
+    return;
+  }
+  if (first) {
+    // The viewer would otherwise wait for the next regular key frame, seconds away.
+    if (auto encoder = existingVideoEncoder()) {
+      encoder->requestKeyFrame();
+    }
+  }
+  if (hasType(ZelLiveInputVideo) && ++recoderNoVideoFrame_ % 150 == 0) {
+    notifyState(ZelLiveSessionStateNoVideo);
+  }
+  if (sampled(10)) {
+    ZEL_LOG_WARNING("Live: has't video stream, current captureType %ld", static_cast<long>(captureType_));
+  }
+}
+
+void ZelLiveSession::videoEncoderVideoFrame(ZelHardwareVideoEncoder&, std::shared_ptr<const ZelLiveVideoFrame> frame) {
+  if (!uploading_) {
+    return;
+  }
+  if (frame->isKeyFrame && hasCaptureAudio_) {
+    hasKeyFrameVideo_ = true;
+  }
+  if (!AVAlignnment()) {
+    videoFrameWithoutAlignment();
+    return;
+  }
+  if (isBackGround_) {
+    return;
+  }
+  if (frame->isKeyFrame) {
+    const std::lock_guard lock(stagesLock_);
+    lastVideoFrame_ = frame;
+  }
+  pushSendBuffer(std::move(frame));
+}
+
+void ZelLiveSession::videoFrameWithoutAlignment() {
+  const auto count = ++recoderNoAudioFrame_;
+  if (hasType(ZelLiveInputAudio)) {
+    if (count % 100 == 0) {
+      notifyState(ZelLiveSessionStateNoAudio);
+    }
+  } else if (count == 300 && hasType(ZelLiveReplayAudio)) {
+    ZEL_LOG_ERROR("Live: replayCapture has't audio stream");
+    uploading_ = false;
+    setState(ZelLiveSessionStateCaptureFailed);
+  }
+  if (sampled(10)) {
+    ZEL_LOG_WARNING("Live: has't audio stream, current captureType %ld", static_cast<long>(captureType_));
+  }
+}
+
+void ZelLiveSession::pushSendBuffer(Frame frame) {
+  if (auto publisher = socket()) {
+    publisher->sendFrame(std::move(frame));
+  }
+  if (!didNotiLiveStatusToServer_.exchange(true)) {
+    liveUpdateStatus(0);
+  }
+}
+
+// ---- Checks and errors
+
+void ZelLiveSession::audioCheck() {
+  if (hasType(ZelLiveInputAudio) && !hasCaptureAudio_) {
+    ZEL_LOG_WARNING("Live: audioCheck has been no audio streaming since the beginning");
+    notifyState(ZelLiveSessionStateNoAudio);
+  }
+}
+
+void ZelLiveSession::videoCheck() {
+  if (hasType(ZelLiveInputVideo) && !hasKeyFrameVideo_) {
+    ZEL_LOG_WARNING("Live: videoCheck has been no video streaming since the beginning");
+    notifyState(ZelLiveSessionStateNoVideo);
+  }
+}
+
+void ZelLiveSession::replayCaptureOutputError(ZelLiveReplayCapture* output, const ZelLiveCaptureError& error) {
+  ZEL_LOG_ERROR("Live: replayCapture error = Error Domain=%s Code=%lld \"%s\" capture: %s session: %s",
+                error.domain.c_str(), static_cast<long long>(error.code), error.message.c_str(),
+                describeObject("ZelLiveReplayCapture", output).c_str(), describeObject("ZelLiveSession", this).c_str());
+  switch (error.code) {
+    case kNoUploadError:
+      uploading_ = false;
+      setState(ZelLiveSessionStateBroadcastFailed);
+      break;
+    case kRecorderWarning:
+      setState(ZelLiveSessionStateBroadcastWarning);
+      break;
+    case kRecorderInactive:
+      setState(ZelLiveSessionStateBroadcastInactive);
+      break;
+    default:
+      uploading_ = false;
+      setState(ZelLiveSessionStateCaptureFailed);
+      break;
+  }
+}
+
+}  // namespace zellive
