@@ -177,6 +177,20 @@ TEST(FfmpegVideoCompression, FollowsTheBitRateAndKeepsItsLimit) {
   EXPECT_EQ(recorder.syncSamples(), (std::vector{0, 60, 120, 180, 240})) << "a new rate costs no key frame";
 }
 
+TEST(FfmpegVideoCompression, ACutAfterAStillSceneKeepsTheLimitAndAddsNoKeyFrame) {
+  constexpr double rate = 600'000;
+  Recorder recorder(settingsFor(320, 180, static_cast<std::int64_t>(rate)));
+  const auto still = colourScene(PixelFormat::Planar, 320, 180);
+  for (int index = 0; index < 120; ++index) {
+    const bool calm = index % 60 < 40;
+    ASSERT_EQ(recorder.encode(calm ? still : restlessScene(320, 180, index)), 0);
+  }
+  EXPECT_EQ(recorder.syncSamples(), std::vector{0});
+  for (std::size_t window = 0; window + 30 <= recorder.samples.size(); ++window) {
+    EXPECT_LE(recorder.bitsIn(window, 30), 1.5 * rate) << "the second from picture " << window;
+  }
+}
+
 TEST(FfmpegVideoCompression, KeyFrameIntervalIsCountedInFramesElseInSeconds) {
   const struct {
     std::uint64_t frames, seconds, rate;

@@ -10,7 +10,7 @@ namespace zellive {
 namespace {
 
 /// Far more channels than any converter takes; beyond it a configuration is not worth memory.
-constexpr std::uint64_t kLargestBuffer = 2048 * 64;
+constexpr std::uint64_t kLargestBuffer = std::uint64_t{2048} * 64;
 /// The status of a converter that does not exist.
 constexpr int kNoConverter = -50;
 
