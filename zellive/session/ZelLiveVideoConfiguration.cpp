@@ -110,7 +110,11 @@ ZelLiveVideoConfiguration::Ptr ZelLiveVideoConfiguration::defaultConfigurationFo
 }
 
 ZelLiveVideoConfiguration::ZelLiveVideoConfiguration(std::shared_ptr<Device> device)
-    : device_(device ? std::move(device) : defaultPlatform()->device) {}
+    : device_(std::move(device)) {
+  if (!device_) {
+    device_ = defaultPlatform()->device;
+  }
+}
 
 ZelLiveVideoConfiguration::ZelLiveVideoConfiguration(std::uint64_t quality, std::int64_t captureType,
                                                      std::int64_t outputImageOrientation,
