@@ -143,6 +143,13 @@ void WireServer::Client::handshake(WireFault fault) {
   }
   Bytes c1(kHandshakeSize);
   read(c1.data(), c1.size());
+  if (fault == WireFault::Drip) {
+    pollfd hangUp{descriptor, POLLRDHUP, 0};
+    while (::poll(&hangUp, 1, 20) == 0) {
+      write({3});
+    }
+    throw ConnectionOver("as the test wants");
+  }
   if (fault == WireFault::Garbage) {
     std::mt19937 random(7);
     Bytes noise(1 + 2 * kHandshakeSize + 4096);

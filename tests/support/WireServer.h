@@ -31,6 +31,7 @@ enum class WireFault {
   None,
   Silent,              ///< Accepts and never says a word.
   Garbage,             ///< Answers the handshake with noise.
+  Drip,                ///< Answers the handshake a byte at a time, for ever.
   CloseInHandshake,    ///< Closes after the client's first bytes.
   CloseAfterConnect,   ///< Closes when the client asks for a stream.
   SilentAfterConnect,  ///< Answers connect, then nothing more.

@@ -1,5 +1,6 @@
 #include "zellive/transport/LibrtmpConnection.h"
 
+#include <librtmp/rtmp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -108,7 +109,7 @@ bool LibrtmpConnection::fail(RTMPError* error, RtmpFailure code, const std::stri
       *error = {RtmpFailureTimeout, "the server did not take the stream within " + inSeconds(options_.setupLimit)};
       break;
     case AbortSwitch::State::Open:
-      *error = {code, maskSecrets(message, secrets_)};
+      *error = {code, message};
       break;
   }
   return false;
@@ -250,12 +251,12 @@ bool LibrtmpConnection::handleChunk(RTMPError* error) {
 
 bool LibrtmpConnection::answer(RTMPPacket& packet, RTMPError* error) {
   if (const auto status = readStatus(*rtmp_, packet); status && status->refuses) {
-    const std::string text =
-        status->code + (status->description.empty() ? std::string() : " (" + status->description + ")");
+    const std::string text = maskSecrets(
+        status->code + (status->description.empty() ? std::string() : " (" + status->description + ")"), secrets_);
     if (!publishing_) {
       return fail(error, RtmpFailureRefused, "the server refuses the stream: " + text);
     }
-    ZEL_LOG_ERROR("Live: the server reports %s", maskSecrets(text, secrets_).c_str());
+    ZEL_LOG_ERROR("Live: the server reports %s", text.c_str());
   }
   switch (packet.m_packetType) {
     case RTMP_PACKET_TYPE_AUDIO:
@@ -366,14 +367,16 @@ void LibrtmpConnection::shut(bool politely) {
     setupTimer_->cancel();
   }
   watch_.reset();
-  if (isConnected()) {
-    const int socket = rtmp_->m_sb.sb_socket;
+  if (const int socket = switch_->socket(); socket >= 0) {
     // With room in the send buffer the two short messages of a goodbye do not block.
-    const bool goodbye = politely && publishing_ &&
+    const bool goodbye = politely && publishing_ && isConnected() &&
                          switch_->wait(socket, POLLOUT, Clock::now() + options_.closeLimit) == AbortSwitch::Wait::Ready;
     setSocketTimeout(socket, SO_SNDTIMEO, options_.closeLimit);
     setSocketTimeout(socket, SO_RCVTIMEO, options_.closeLimit);
     if (!goodbye) {
+      // A reset: without it the server would keep the stream's name taken until all that is unsent has reached it.
+      const linger now{1, 0};
+      ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &now, sizeof now);
       ::shutdown(socket, SHUT_RDWR);
     }
     rtmp_->m_stream_id = goodbye ? streamId_ : 0;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <librtmp/rtmp.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
@@ -11,6 +9,9 @@
 #include "zellive/transport/LibrtmpScope.h"
 #include "zellive/transport/RtmpConnection.h"
 #include "zellive/transport/RtmpUrl.h"
+
+struct RTMP;
+struct RTMPPacket;
 
 namespace zellive {
 

@@ -1,5 +1,7 @@
 #include "zellive/transport/LibrtmpInbox.h"
 
+#include <librtmp/rtmp.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>

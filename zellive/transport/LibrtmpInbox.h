@@ -1,11 +1,11 @@
 #pragma once
 
-#include <librtmp/rtmp.h>
-
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
+
+struct RTMP;
+struct RTMPPacket;
 
 namespace zellive {
 

@@ -77,6 +77,7 @@ ZelStreamRtmpSocket::~ZelStreamRtmpSocket() {
 }
 
 void ZelStreamRtmpSocket::setLogLevel(int level) { setLibrtmpLogLevel(level); }
+int ZelStreamRtmpSocket::logLevel() { return librtmpLogLevel(); }
 
 void ZelStreamRtmpSocket::setDelegate(std::weak_ptr<ZelStreamSocketDelegate> delegate) {
   const std::lock_guard lock(mutex_);
@@ -146,8 +147,7 @@ int ZelStreamRtmpSocket::RTMP264_Connect(const std::string& url) {
   error_ = {};
   RtmpConnection& connection = *rtmp_->connection;
   if (!connectSteps(connection, url)) {
-    releaseConnection(std::exchange(error_, {}));
-    reconnect();
+    releaseConnection(std::exchange(error_, {}));  // Whose error asks for the next attempt.
     return -1;
   }
   {
@@ -180,14 +180,14 @@ void ZelStreamRtmpSocket::installConnection() {
 }
 
 bool ZelStreamRtmpSocket::connectSteps(RtmpConnection& connection, const std::string& url) {
-  const auto failed = [](const char* call) {
-    ZEL_LOG_ERROR("Live: %s() failed", call);
+  const auto failed = [this](const char* call) {
+    ZEL_LOG(failureLevel(), "Live: %s() failed", call);
     return false;
   };
+  connection.setCallbacks({&RTMPErrorCallBack, &ConnectionTimeCallBack, rtmp_.get()});
   if (!connection.setupURL(url, &error_)) {
     return failed("RTMP_SetupURL");
   }
-  connection.setCallbacks({&RTMPErrorCallBack, &ConnectionTimeCallBack, rtmp_.get()});
   connection.enableWrite();
   if (!connection.connect(&error_)) {
     return failed("RTMP_Connect");
@@ -217,9 +217,13 @@ void ZelStreamRtmpSocket::ConnectionTimeCallBack(const RTMPConnectionTime& time,
   ZEL_LOG_INFO("Live: RTMP connect %u , handshake %u", time.connect, time.handshake);
 }
 
+/// What fails because the stream is being stopped is no error.
+LogLevel ZelStreamRtmpSocket::failureLevel() const { return stopRequested_ ? LogLevel::Information : LogLevel::Error; }
+
 void ZelStreamRtmpSocket::rtmpError(const RTMPError& error) {
   if (error.code < 0) {
-    ZEL_LOG_ERROR("Live: RTMP connect error %d message %s", error.code, error.message.c_str());
+    isConnected_ = false;  // The steps posted already keep their frames.
+    ZEL_LOG(failureLevel(), "Live: RTMP connect error %d message %s", error.code, error.message.c_str());
     reconnect();
   }
 }

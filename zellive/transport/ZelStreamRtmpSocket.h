@@ -9,6 +9,7 @@
 #include <string>
 
 #include "zellive/platform/Exception.h"
+#include "zellive/platform/Log.h"
 #include "zellive/platform/Platform.h"
 #include "zellive/session/ZelFrame.h"
 #include "zellive/session/ZelLiveDebug.h"
@@ -93,6 +94,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
 
   /// librtmp's log level for the whole process: 0 (critical) to 6 (all); a level above that counts as 1 (errors).
   static void setLogLevel(int level);
+  [[nodiscard]] static int logLevel();
 
   void streamingBufferState(ZelStreamingBuffer& buffer, ZelStreamingBufferState state) override;
   void streamingBufferCount(ZelStreamingBuffer& buffer, std::uint64_t count) override;
@@ -121,6 +123,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   void releaseConnection(RTMPError error);
   void clean();
   void rtmpError(const RTMPError& error);
+  [[nodiscard]] LogLevel failureLevel() const;
   static void RTMPErrorCallBack(const RTMPError& error, void* userData);
   static void ConnectionTimeCallBack(const RTMPConnectionTime& time, void* userData);
 

@@ -130,7 +130,7 @@ std::int32_t ZelStreamRtmpSocket::sendPacket(std::uint8_t type, std::uint64_t nT
   message.streamId = rtmp_->connection->streamId();
   const std::int32_t result = RtmpPacketSend(message);
   if (result != 1) {
-    ZEL_LOG_ERROR("Live: send packet error: %ld", static_cast<long>(result));
+    ZEL_LOG(failureLevel(), "Live: send packet error: %ld", static_cast<long>(result));
   }
   return result;
 }

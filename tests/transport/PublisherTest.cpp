@@ -1,0 +1,478 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/FakeRtmp.h"
+#include "tests/support/ManualPlatform.h"
+#include "zellive/session/ZelLiveAudioConfiguration.h"
+#include "zellive/session/ZelLiveStreamInfo.h"
+#include "zellive/session/ZelLiveVideoConfiguration.h"
+#include "zellive/transport/ZelStreamRtmpSocket.h"
+
+namespace zellive::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr const char* kUrl = "rtmp://host/live/key";
+
+Data bytes(std::initializer_list<std::uint8_t> values) { return Data::copyOf(Bytes(values)); }
+Data bytes(std::size_t size) { return Data::copyOf(Bytes(size, 0x55)); }
+
+struct VideoOptions {
+  bool key = true;
+  Data data = bytes({0x65, 1});
+  Data sps = bytes({0x67, 0x64, 0x00, 0x1F});
+  Data pps = bytes({0x68, 0xEE});
+};
+
+std::shared_ptr<const ZelFrame> video(std::uint64_t timestamp, VideoOptions options = {}) {
+  auto frame = std::make_shared<ZelLiveVideoFrame>();
+  frame->timestamp = timestamp;
+  frame->isKeyFrame = options.key;
+  frame->data = options.data;
+  frame->sps = options.sps;
+  frame->pps = options.pps;
+  return frame;
+}
+
+std::shared_ptr<const ZelFrame> audio(std::uint64_t timestamp, Data data = bytes({1, 2, 3, 4}),
+                                      Data info = bytes({0x11, 0x88})) {
+  auto frame = std::make_shared<ZelLiveAudioFrame>();
+  frame->timestamp = timestamp;
+  frame->data = std::move(data);
+  frame->audioInfo = std::move(info);
+  return frame;
+}
+
+/// Writes down what it is told: "status 2", "error 205", "url"; of the buffer "trend 1", "count 3".
+struct Reports : ZelStreamSocketDelegate {
+  void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { note("status", status); }
+  void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { note("error", code); }
+  void socketDebugInfo(ZelStreamRtmpSocket&, const ZelLiveDebug& info) override { statistics.push_back(info); }
+  void socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState state) override {
+    bufferEvents.push_back("trend " + std::to_string(state));
+  }
+  void socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) override {
+    bufferEvents.push_back("count " + std::to_string(count));
+  }
+  void socketRequestNewUrl(ZelStreamRtmpSocket&) override { events.emplace_back("url"); }
+  void note(const char* what, std::uint64_t value) { events.push_back(what + (" " + std::to_string(value))); }
+
+  std::vector<std::string> events;
+  std::vector<std::string> bufferEvents;
+  std::vector<ZelLiveDebug> statistics;
+};
+
+class Publisher : public ::testing::Test {
+ protected:
+  ~Publisher() override {
+    socket.reset();
+    manual.runPending();
+  }
+
+  void make(std::int64_t interval = 0, std::int64_t count = 0) {
+    socket = ZelStreamRtmpSocket::create(info, interval, count, manual.platform(), rtmp.factory());
+    socket->setDelegate(reports);
+  }
+  void connect() {
+    make();
+    socket->start();
+    manual.runPending();
+    reports->events.clear();
+  }
+  void send(std::initializer_list<std::shared_ptr<const ZelFrame>> frames) {
+    for (const auto& frame : frames) {
+      socket->sendFrame(frame);
+    }
+    manual.runPending();
+  }
+  /// Five frames that stay in the sorting stage for good, so that every later one comes out at once.
+  void fillSorter() {
+    for (int i = 0; i < 5; ++i) {
+      socket->sendFrame(audio(1'000'000'000));
+    }
+    manual.runPending();
+  }
+  /// Forgets the publisher and everything that it did.
+  void renew() {
+    socket.reset();
+    manual.advance(1s);
+    rtmp = {};
+    *reports = {};
+  }
+  /// What was reported since the last call.
+  std::vector<std::string> events() { return std::exchange(reports->events, {}); }
+  /// Advances second by second.
+  std::vector<std::string> eventsAfter(std::chrono::seconds time) {
+    manual.advance(time);
+    return events();
+  }
+
+  using Events = std::vector<std::string>;
+
+  ManualPlatform manual;
+  LogCapture log;
+  FakeRtmp rtmp;
+  std::shared_ptr<Reports> reports = std::make_shared<Reports>();
+  std::shared_ptr<ZelLiveStreamInfo> info = [] {
+    auto stream = std::make_shared<ZelLiveStreamInfo>();
+    stream->streamId = "stream-7";
+    stream->roomId = "room-9";
+    stream->setUrl(kUrl);
+    return stream;
+  }();
+  std::shared_ptr<ZelStreamRtmpSocket> socket;
+};
+
+TEST_F(Publisher, RefusesAMissingStreamAndMendsItsLimits) {
+  try {
+    static_cast<void>(ZelStreamRtmpSocket::create(nullptr, 0, 0, manual.platform(), rtmp.factory()));
+    FAIL();
+  } catch (const ZelException& exception) {
+    EXPECT_STREQ(exception.what(), "ZelStreamRtmpSocket init error: stream is nil");
+  }
+  make(-1, 0);
+  EXPECT_EQ(socket->reconnectInterval(), 5);
+  EXPECT_EQ(socket->reconnectCount(), 3);
+  make(2, 9);
+  EXPECT_EQ(socket->reconnectInterval(), 2);
+  EXPECT_EQ(socket->reconnectCount(), 9);
+}
+
+TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
+  make();
+  fillSorter();
+  send({video(1)});
+  EXPECT_TRUE(rtmp.sent.empty()) << "frames wait for the start";
+  socket->start();
+  socket->start();
+  manual.runPending();
+  EXPECT_EQ(events(), (Events{"status 1", "status 2"}));
+  EXPECT_EQ(rtmp.urls, (std::vector<std::string>{kUrl}));
+  ASSERT_EQ(rtmp.sent.size(), 2U) << "the connection itself sets the waiting frame going";
+  EXPECT_EQ(rtmp.sent[0].type, 0x12);
+  EXPECT_EQ(rtmp.sent[0].headerType, 0);
+  EXPECT_EQ(rtmp.sent[0].channel, 3);
+  EXPECT_TRUE(rtmp.sent[0].absolute);
+  EXPECT_EQ(rtmp.sent[0].streamId, 7);
+  EXPECT_EQ(rtmp.sent[1].type, 9);
+}
+
+TEST_F(Publisher, BoundsTheKernelsBufferByTheStreamsRate) {
+  struct Case {
+    std::uint64_t rate;
+    std::uint32_t bytes;
+  };
+  for (const Case c : {Case{0, 65536}, Case{3'000'000, 195500}, Case{80'000'000, 524288}}) {
+    info->videoConfiguration = ZelLiveVideoConfiguration::defaultConfiguration();
+    info->videoConfiguration->setVideoBitRate(c.rate);
+    info->audioConfiguration = ZelLiveAudioConfiguration::defaultConfiguration();
+    connect();
+    EXPECT_EQ(rtmp.options.back().sendBufferBytes, c.bytes);
+  }
+}
+
+TEST_F(Publisher, SpendsTheFirstFrameOfEachKindOnItsHeader) {
+  struct Case {
+    const char* name;
+    std::vector<std::shared_ptr<const ZelFrame>> frames;
+    std::vector<std::pair<std::uint8_t, Bytes>> sent;  // Header type and body.
+  };
+  const Bytes avcHeader{0x17, 0, 0, 0, 0, 1, 0x64, 0, 0x1F, 0xFF, 0xE1, 0, 4, 0x67, 0x64, 0, 0x1F, 1, 0, 2, 0x68, 0xEE};
+  const Bytes aacHeader{0xAF, 0, 0x11, 0x88};
+  const Bytes inter{0x27, 1, 0, 0, 0, 0, 0, 0, 1, 0x41};
+  const VideoOptions interFrame{false, bytes({0x41})};
+  const std::vector<Case> cases{
+      {"key picture", {video(1), video(2)}, {{0, avcHeader}, {0, {0x17, 1, 0, 0, 0, 0, 0, 0, 2, 0x65, 1}}}},
+      {"sets on a predicted picture", {video(1, interFrame), video(2, interFrame)}, {{0, avcHeader}, {0, inter}}},
+      {"no PPS", {video(1, {true, bytes({9}), bytes({0x67, 1, 2, 3}), {}}), video(2, interFrame)}, {{0, inter}}},
+      {"oversized SPS", {video(1, {true, bytes({9}), bytes(1007)}), video(2, interFrame)}, {{0, inter}}},
+      {"stunted SPS", {video(1, {true, bytes({9}), bytes(3)}), video(2, interFrame)}, {{0, inter}}},
+      {"sound", {audio(1), audio(2)}, {{0, aacHeader}, {1, {0xAF, 1, 1, 2, 3, 4}}}},
+      {"sound of two bytes", {audio(1), audio(2, bytes({1, 2}))}, {{0, aacHeader}, {0, {0xAF, 1, 1, 2}}}},
+      {"no AudioSpecificConfig", {audio(1, bytes({1}), {}), audio(2, bytes({1}))}, {{1, {0xAF, 1, 1}}}},
+      {"neither kind", {std::make_shared<ZelFrame>(), audio(2, bytes({1}))}, {{1, {0xAF, 1, 1}}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    rtmp.sent.clear();
+    connect();
+    fillSorter();
+    for (const auto& frame : c.frames) {
+      send({frame});
+    }
+    std::vector<std::pair<std::uint8_t, Bytes>> sent;
+    for (const auto& message : rtmp.media()) {
+      sent.emplace_back(message.headerType, message.body);
+      EXPECT_EQ(message.channel, 4);
+      EXPECT_EQ(message.streamId, 7);
+      const bool header = message.body == avcHeader || message.body == aacHeader;
+      EXPECT_EQ(message.timestamp, header ? 0U : 2U);
+    }
+    EXPECT_EQ(sent, c.sent);
+  }
+  EXPECT_EQ(log.count(LogLevel::Error, "parameter sets of"), 2U);
+}
+
+TEST_F(Publisher, LargestParameterSetsStillGo) {
+  connect();
+  fillSorter();
+  send({video(1, {true, bytes({9}), bytes(1006)})});
+  ASSERT_EQ(rtmp.media().size(), 1U);
+  EXPECT_EQ(rtmp.media()[0].body.size(), 1024U);
+}
+
+TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
+  for (const char* step : {"RTMP_SetupURL", "RTMP_Connect", "RTMP_ConnectStream"}) {
+    SCOPED_TRACE(step);
+    renew();
+    rtmp.failAt = step;
+    make();
+    socket->start();
+    EXPECT_EQ(eventsAfter(0s), (Events{"status 1", "url"}));
+    EXPECT_EQ(eventsAfter(5s), (Events{"status 5"}));
+    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 4", "error 205"}));
+    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 4", "error 205"}));
+    EXPECT_EQ(rtmp.closed, 4);
+    rtmp.failAt = "";
+    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 2"}));
+    rtmp.breakConnection({-8, "gone"});
+    EXPECT_EQ(eventsAfter(0s), (Events{"url"})) << "counted from 0 again";
+    EXPECT_EQ(log.count(LogLevel::Error, std::string("Live: ") + step + "() failed"), 4U);
+  }
+  EXPECT_EQ(log.count(LogLevel::Error, "Live: RTMP connect error -8 message gone"), 3U);
+}
+
+TEST_F(Publisher, AsksForAUrlEveryHundredthAttempt) {
+  rtmp.failAt = "RTMP_SetupURL";
+  make(1, 1000);
+  socket->start();
+  std::vector<int> askedBefore;
+  for (int attempt = 1; attempt <= 202; ++attempt) {
+    manual.advance(attempt == 1 ? 0s : 1s);
+    if (std::ranges::count(events(), "url") > 0) {
+      askedBefore.push_back(attempt);
+    }
+  }
+  EXPECT_EQ(rtmp.urls.size(), 202U);
+  EXPECT_EQ(askedBefore, (std::vector<int>{1, 101, 201}));
+}
+
+TEST_F(Publisher, OneAttemptServesSeveralErrors) {
+  connect();
+  rtmp.breakConnection({-8, "first"});
+  rtmp.breakConnection({-8, "second"});
+  rtmp.breakConnection({0, "no failure"});
+  auto fresh = std::make_shared<ZelLiveStreamInfo>();
+  fresh->setUrl("rtmp://other/live/key");
+  fresh->streamId = "ignored";
+  socket->updateStreamInfo(fresh);
+  socket->updateStreamInfo(nullptr);
+  EXPECT_EQ(eventsAfter(60s), (Events{"url", "status 5", "status 2"}));
+  EXPECT_EQ(rtmp.urls, (std::vector<std::string>{kUrl, "rtmp://other/live/key"}));
+  EXPECT_EQ(rtmp.closed, 1);
+  EXPECT_EQ(info->streamId, "stream-7");
+}
+
+TEST_F(Publisher, AFailedSendLeadsToANewConnectionWithNewHeaders) {
+  connect();
+  fillSorter();
+  send({video(1), audio(2), video(3)});
+  rtmp.sendResult = 0;
+  send({video(4), video(5), audio(6), video(7)});
+  EXPECT_EQ(log.count(LogLevel::Error, "Live: send packet error: 0"), 1U) << "the frames behind it wait";
+  rtmp.sendResult = 1;
+  rtmp.sent.clear();
+  EXPECT_EQ(eventsAfter(5s).back(), "status 2");
+  ASSERT_EQ(rtmp.sent.size(), 4U);
+  EXPECT_EQ(rtmp.sent[0].type, 0x12);
+  EXPECT_EQ(rtmp.sent[1].body[1], 0) << "AVC header, of the frame at 5";
+  EXPECT_EQ(rtmp.sent[2].body[1], 0) << "AAC header";
+  EXPECT_EQ(rtmp.sent[3].timestamp, 7U);
+}
+
+TEST_F(Publisher, FollowsTheNetwork) {
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
+  connect();
+  fillSorter();
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::NotReachable);
+  EXPECT_EQ(events(), (Events{"error 203"})) << "at once, on the posting thread";
+  send({video(1), video(2)});
+  rtmp.breakConnection({-8, "gone"});
+  EXPECT_EQ(eventsAfter(4s), Events{}) << "asked for while the network is out: dropped";
+  EXPECT_TRUE(rtmp.media().empty());
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
+  manual.advance(5s);
+  EXPECT_EQ(std::ranges::count(reports->events, "status 5"), 1);
+  EXPECT_EQ(std::ranges::count(events(), "status 2"), 1);
+  EXPECT_EQ(rtmp.media().size(), 2U);
+  EXPECT_EQ(log.count("Live: net reachabilityChange 2"), 1U);
+}
+
+TEST_F(Publisher, ANetworkChangeRebuildsAHealthyConnectionButStartsNone) {
+  make();
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
+  EXPECT_EQ(eventsAfter(10s), Events{});
+  socket->start();
+  manual.runPending();
+  events();
+  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
+  EXPECT_EQ(eventsAfter(10s), (Events{"url", "status 5", "status 2"}));
+  EXPECT_EQ(rtmp.closed, 1);
+}
+
+TEST_F(Publisher, CountsWhatItSends) {
+  connect();
+  fillSorter();
+  send({video(1, {true, bytes(1000)})});  // The first frame closes the interval that began at time 0.
+  ASSERT_EQ(reports->statistics.size(), 1U);
+  EXPECT_EQ(reports->statistics[0].roomID, "room-9");
+  EXPECT_EQ(reports->statistics[0].streamID, "stream-7");
+  EXPECT_EQ(reports->statistics[0].uploadUrl, kUrl);
+  EXPECT_TRUE(reports->statistics[0].isRtmp);
+  manual.advance(999ms);
+  send({video(2, {true, bytes(500)}), video(3, {true, bytes(400)}), audio(4, bytes(30))});
+  EXPECT_EQ(reports->statistics.size(), 1U);
+  manual.advance(1ms);
+  send({audio(5, bytes(7))});
+  ASSERT_EQ(reports->statistics.size(), 2U);
+  const auto& total = reports->statistics[1];
+  EXPECT_EQ(total.elapsedMilli, 1000.0);
+  EXPECT_EQ(total.currentBandwidth, 930.0) << "without the frame that closes the interval";
+  EXPECT_EQ(total.dataFlow, 1937.0);
+  EXPECT_EQ(total.videoDataFlow, 1900.0);
+  EXPECT_EQ(total.audioDataFlow, 37.0);
+  EXPECT_EQ(total.totalFrame, 5);
+  EXPECT_EQ(total.captureVideoTotalCount, 3);
+  EXPECT_EQ(total.captureAudioTotalCount, 2);
+  EXPECT_EQ(total.currentCaptureVideoCount, 2);
+  EXPECT_EQ(total.currentCaptureAudioCount, 1);
+  EXPECT_EQ(total.dropFrame, 0);
+  socket->stop();
+  manual.runPending();
+  EXPECT_EQ(log.count("Live: socket traffic: dropFrame:0 unsendFrame:0 senfFrame:5(a:2, v:3)"), 1U);
+  EXPECT_EQ(log.count("liveTime:1.000000"), 1U);
+}
+
+TEST_F(Publisher, CountsTheFramesThatTheBufferDropped) {
+  make();
+  fillSorter();
+  send({video(1), video(2, {false})});
+  manual.notifications->post(notification::DidReceiveMemoryWarning);
+  socket->start();
+  send({audio(3)});
+  ASSERT_EQ(reports->statistics.size(), 1U);
+  EXPECT_EQ(reports->statistics[0].dropFrame, 2);
+}
+
+TEST_F(Publisher, ForwardsTheBuffersReports) {
+  connect();
+  fillSorter();
+  manual.advance(5s);
+  EXPECT_EQ(reports->bufferEvents, (Events{"trend 2", "count 0"}));
+}
+
+TEST_F(Publisher, StopsInEveryState) {
+  struct Case {
+    const char* name;
+    std::function<void()> enter;
+    int aborted;
+    int closed;
+  };
+  const std::vector<Case> cases{
+      {"created",
+       [this] {
+         make();
+         fillSorter();
+       },
+       0, 0},
+      {"about to connect",
+       [this] {
+         make();
+         fillSorter();
+         socket->start();
+       },
+       1, 1},
+      {"connected",
+       [this] {
+         connect();
+         fillSorter();
+       },
+       0, 1},
+      {"reconnecting",
+       [this] {
+         connect();
+         fillSorter();
+         rtmp.breakConnection({-8, "gone"});
+         manual.runPending();
+       },
+       0, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    renew();
+    c.enter();
+    reports->events.clear();
+    socket->stop();
+    socket->stop();
+    EXPECT_FALSE(socket->waitUntilStopped(0ms));
+    manual.runPending();
+    EXPECT_TRUE(socket->waitUntilStopped(0ms));
+    EXPECT_EQ(std::ranges::count(reports->events, "status 3"), 1);
+    EXPECT_EQ(rtmp.aborted, c.aborted);
+    EXPECT_EQ(rtmp.closed, c.closed);
+    EXPECT_EQ(manual.time->delayedWork(), 1U) << "the buffer's timer alone";
+    rtmp.sent.clear();
+    reports->events.clear();
+    send({video(1), video(2)});
+    socket->start();
+    manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
+    manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
+    manual.advance(4s);
+    EXPECT_EQ(events(), Events{});
+    EXPECT_TRUE(rtmp.sent.empty());
+    EXPECT_EQ(log.count(LogLevel::Error, "Live: RTMP_"), 0U) << "an attempt given up for the stop is no error";
+  }
+}
+
+TEST_F(Publisher, EndsWithItsOwner) {
+  connect();
+  fillSorter();
+  send({video(1)});
+  rtmp.breakConnection({-8, "gone"});
+  manual.runPending();
+  events();
+  socket.reset();
+  manual.runPending();
+  EXPECT_EQ(rtmp.closed, 1);
+  EXPECT_EQ(eventsAfter(60s), Events{});
+  EXPECT_EQ(manual.time->liveQueues(), (std::vector<std::string>{"main", "global"}));
+  EXPECT_EQ(log.count("Live: dealloc <ZelStreamRtmpSocket"), 1U);
+
+  make();
+  socket->start();
+  socket.reset();
+  EXPECT_EQ(eventsAfter(60s), Events{});
+}
+
+TEST_F(Publisher, SetsTheLibrarysLogLevel) {
+  struct Case {
+    int level, expected;
+  };
+  for (const Case c : {Case{6, 6}, Case{7, 1}, Case{0, 0}, Case{99, 1}}) {
+    ZelStreamRtmpSocket::setLogLevel(c.level);
+    EXPECT_EQ(ZelStreamRtmpSocket::logLevel(), c.expected);
+  }
+  ZelStreamRtmpSocket::setLogLevel(1);
+}
+
+}  // namespace
+}  // namespace zellive::test
