@@ -433,6 +433,13 @@ void WireServer::ping(std::uint32_t stamp) {
   }
 }
 
+void WireServer::inject(const std::vector<std::uint8_t>& bytes) {
+  const std::lock_guard lock(mutex_);
+  for (const auto& client : clients_) {
+    client->write(bytes);
+  }
+}
+
 void WireServer::cut() {
   const std::lock_guard lock(mutex_);
   for (const auto& client : clients_) {

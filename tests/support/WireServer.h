@@ -83,6 +83,8 @@ class WireServer {
 
   /// Sends a user control ping request on every open connection.
   void ping(std::uint32_t stamp);
+  /// Sends these bytes as they are on every open connection.
+  void inject(const std::vector<std::uint8_t>& bytes);
   /// Cuts every open connection.
   void cut();
 

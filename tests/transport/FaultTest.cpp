@@ -14,6 +14,7 @@
 
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/WireServer.h"
+#include "tests/transport/Frames.h"
 #include "zellive/session/ZelLiveStreamInfo.h"
 #include "zellive/transport/HostResolver.h"
 #include "zellive/transport/ZelStreamRtmpSocket.h"
@@ -95,16 +96,8 @@ class Faults : public ::testing::Test {
   }
   /// Queues some megabytes of pictures.
   void sendMuch() {
-    const std::vector<std::uint8_t> parameters(8, 0x42);
-    const std::vector<std::uint8_t> payload(32 * 1024);
     for (std::uint64_t i = 0; i < 300; ++i) {
-      auto frame = std::make_shared<ZelLiveVideoFrame>();
-      frame->timestamp = i * 40;
-      frame->isKeyFrame = i % 50 == 0;
-      frame->data = Data::copyOf(payload);
-      frame->sps = Data::copyOf(parameters);
-      frame->pps = Data::copyOf(parameters);
-      socket->sendFrame(frame);
+      socket->sendFrame(video(i * 40, {i % 50 == 0, Bytes(32 * 1024)}));
     }
   }
   /// Brief limits, for finding out what happens when they are over.
@@ -242,9 +235,9 @@ TEST_F(Faults, StoppingAndLettingGoEndEveryState) {
       sendMuch();
       ASSERT_TRUE(c.entered(server));
       if (lettingGo) {
+        const std::string gone = "Live: dealloc " + describeObject("ZelStreamRtmpSocket", socket.get());
         socket.reset();
-        EXPECT_TRUE(
-            server.waitUntil([&] { return log->count("Live: dealloc <ZelStreamRtmpSocket") == 1; }, kStopLimit));
+        EXPECT_TRUE(server.waitUntil([&] { return log->count(gone) == 1; }, kStopLimit));
       } else {
         socket->stop();
         EXPECT_TRUE(socket->waitUntilStopped(kStopLimit));

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -9,7 +8,7 @@
 
 #include "tests/support/FakeRtmp.h"
 #include "tests/support/ManualPlatform.h"
-#include "zellive/session/ZelLiveAudioConfiguration.h"
+#include "tests/transport/Frames.h"
 #include "zellive/session/ZelLiveStreamInfo.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 #include "zellive/transport/ZelStreamRtmpSocket.h"
@@ -18,55 +17,24 @@ namespace zellive::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr const char* kUrl = "rtmp://host/live/key";
 
-Data bytes(std::initializer_list<std::uint8_t> values) { return Data::copyOf(Bytes(values)); }
-Data bytes(std::size_t size) { return Data::copyOf(Bytes(size, 0x55)); }
+Bytes filled(std::size_t size) { return Bytes(size, 0x55); }
 
-struct VideoOptions {
-  bool key = true;
-  Data data = bytes({0x65, 1});
-  Data sps = bytes({0x67, 0x64, 0x00, 0x1F});
-  Data pps = bytes({0x68, 0xEE});
-};
-
-std::shared_ptr<const ZelFrame> video(std::uint64_t timestamp, VideoOptions options = {}) {
-  auto frame = std::make_shared<ZelLiveVideoFrame>();
-  frame->timestamp = timestamp;
-  frame->isKeyFrame = options.key;
-  frame->data = options.data;
-  frame->sps = options.sps;
-  frame->pps = options.pps;
-  return frame;
-}
-
-std::shared_ptr<const ZelFrame> audio(std::uint64_t timestamp, Data data = bytes({1, 2, 3, 4}),
-                                      Data info = bytes({0x11, 0x88})) {
-  auto frame = std::make_shared<ZelLiveAudioFrame>();
-  frame->timestamp = timestamp;
-  frame->data = std::move(data);
-  frame->audioInfo = std::move(info);
-  return frame;
-}
-
-/// Writes down what it is told: "status 2", "error 205", "url"; of the buffer "trend 1", "count 3".
+/// Writes down what it is told: "status 2", "error 205", "url".
 struct Reports : ZelStreamSocketDelegate {
   void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { note("status", status); }
   void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { note("error", code); }
   void socketDebugInfo(ZelStreamRtmpSocket&, const ZelLiveDebug& info) override { statistics.push_back(info); }
-  void socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState state) override {
-    bufferEvents.push_back("trend " + std::to_string(state));
-  }
-  void socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) override {
-    bufferEvents.push_back("count " + std::to_string(count));
-  }
+  void socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState state) override { trends.push_back(state); }
+  void socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) override { counts.push_back(count); }
   void socketRequestNewUrl(ZelStreamRtmpSocket&) override { events.emplace_back("url"); }
   void note(const char* what, std::uint64_t value) { events.push_back(what + (" " + std::to_string(value))); }
 
   std::vector<std::string> events;
-  std::vector<std::string> bufferEvents;
+  std::vector<ZelStreamingBufferState> trends;
+  std::vector<std::uint64_t> counts;
   std::vector<ZelLiveDebug> statistics;
 };
 
@@ -166,16 +134,12 @@ TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
 }
 
 TEST_F(Publisher, BoundsTheKernelsBufferByTheStreamsRate) {
-  struct Case {
-    std::uint64_t rate;
-    std::uint32_t bytes;
-  };
-  for (const Case c : {Case{0, 65536}, Case{3'000'000, 195500}, Case{80'000'000, 524288}}) {
-    info->videoConfiguration = ZelLiveVideoConfiguration::defaultConfiguration();
-    info->videoConfiguration->setVideoBitRate(c.rate);
-    info->audioConfiguration = ZelLiveAudioConfiguration::defaultConfiguration();
+  info->videoConfiguration = ZelLiveVideoConfiguration::defaultConfiguration();
+  for (const auto& [rate, size] :
+       {std::pair(0, 65536U), std::pair(3'000'000, 187500U), std::pair(80'000'000, 524288U)}) {
+    info->videoConfiguration->setVideoBitRate(static_cast<std::uint64_t>(rate));
     connect();
-    EXPECT_EQ(rtmp.options.back().sendBufferBytes, c.bytes);
+    EXPECT_EQ(rtmp.options.back().sendBufferBytes, size);
   }
 }
 
@@ -188,17 +152,17 @@ TEST_F(Publisher, SpendsTheFirstFrameOfEachKindOnItsHeader) {
   const Bytes avcHeader{0x17, 0, 0, 0, 0, 1, 0x64, 0, 0x1F, 0xFF, 0xE1, 0, 4, 0x67, 0x64, 0, 0x1F, 1, 0, 2, 0x68, 0xEE};
   const Bytes aacHeader{0xAF, 0, 0x11, 0x88};
   const Bytes inter{0x27, 1, 0, 0, 0, 0, 0, 0, 1, 0x41};
-  const VideoOptions interFrame{false, bytes({0x41})};
+  const VideoParts interFrame{false, {0x41}};
   const std::vector<Case> cases{
       {"key picture", {video(1), video(2)}, {{0, avcHeader}, {0, {0x17, 1, 0, 0, 0, 0, 0, 0, 2, 0x65, 1}}}},
       {"sets on a predicted picture", {video(1, interFrame), video(2, interFrame)}, {{0, avcHeader}, {0, inter}}},
-      {"no PPS", {video(1, {true, bytes({9}), bytes({0x67, 1, 2, 3}), {}}), video(2, interFrame)}, {{0, inter}}},
-      {"oversized SPS", {video(1, {true, bytes({9}), bytes(1007)}), video(2, interFrame)}, {{0, inter}}},
-      {"stunted SPS", {video(1, {true, bytes({9}), bytes(3)}), video(2, interFrame)}, {{0, inter}}},
+      {"no PPS", {video(1, {true, {9}, {0x67, 1, 2, 3}, {}}), video(2, interFrame)}, {{0, inter}}},
+      {"oversized SPS", {video(1, {true, {9}, filled(1007)}), video(2, interFrame)}, {{0, inter}}},
+      {"stunted SPS", {video(1, {true, {9}, filled(3)}), video(2, interFrame)}, {{0, inter}}},
       {"sound", {audio(1), audio(2)}, {{0, aacHeader}, {1, {0xAF, 1, 1, 2, 3, 4}}}},
-      {"sound of two bytes", {audio(1), audio(2, bytes({1, 2}))}, {{0, aacHeader}, {0, {0xAF, 1, 1, 2}}}},
-      {"no AudioSpecificConfig", {audio(1, bytes({1}), {}), audio(2, bytes({1}))}, {{1, {0xAF, 1, 1}}}},
-      {"neither kind", {std::make_shared<ZelFrame>(), audio(2, bytes({1}))}, {{1, {0xAF, 1, 1}}}},
+      {"sound of two bytes", {audio(1), audio(2, {1, 2})}, {{0, aacHeader}, {0, {0xAF, 1, 1, 2}}}},
+      {"no AudioSpecificConfig", {audio(1, {1}, {}), audio(2, {1})}, {{1, {0xAF, 1, 1}}}},
+      {"neither kind", {std::make_shared<ZelFrame>(), audio(2, {1})}, {{1, {0xAF, 1, 1}}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -219,14 +183,12 @@ TEST_F(Publisher, SpendsTheFirstFrameOfEachKindOnItsHeader) {
     EXPECT_EQ(sent, c.sent);
   }
   EXPECT_EQ(log.count(LogLevel::Error, "parameter sets of"), 2U);
-}
-
-TEST_F(Publisher, LargestParameterSetsStillGo) {
+  rtmp.sent.clear();
   connect();
   fillSorter();
-  send({video(1, {true, bytes({9}), bytes(1006)})});
+  send({video(1, {true, {9}, filled(1006)})});
   ASSERT_EQ(rtmp.media().size(), 1U);
-  EXPECT_EQ(rtmp.media()[0].body.size(), 1024U);
+  EXPECT_EQ(rtmp.media()[0].body.size(), 1024U) << "the largest sets";
 }
 
 TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
@@ -299,50 +261,43 @@ TEST_F(Publisher, AFailedSendLeadsToANewConnectionWithNewHeaders) {
 }
 
 TEST_F(Publisher, FollowsTheNetwork) {
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
-  connect();
+  const auto network = [&](ReachabilityStatus status) { manual.reachability->setNetworkReachabilityStatus(status); };
+  make();
+  network(ReachabilityStatus::ReachableViaWWAN);
+  EXPECT_EQ(eventsAfter(10s), Events{}) << "nothing was started";
+  socket->start();
   fillSorter();
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::NotReachable);
+  events();
+  network(ReachabilityStatus::ReachableViaWiFi);
+  EXPECT_EQ(eventsAfter(10s), (Events{"url", "status 5", "status 2"})) << "even a healthy connection is made anew";
+  EXPECT_EQ(rtmp.closed, 1);
+  network(ReachabilityStatus::NotReachable);
   EXPECT_EQ(events(), (Events{"error 203"})) << "at once, on the posting thread";
   send({video(1), video(2)});
   rtmp.breakConnection({-8, "gone"});
   EXPECT_EQ(eventsAfter(4s), Events{}) << "asked for while the network is out: dropped";
   EXPECT_TRUE(rtmp.media().empty());
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
-  manual.advance(5s);
-  EXPECT_EQ(std::ranges::count(reports->events, "status 5"), 1);
-  EXPECT_EQ(std::ranges::count(events(), "status 2"), 1);
+  network(ReachabilityStatus::ReachableViaWiFi);
+  network(ReachabilityStatus::ReachableViaWWAN);
+  EXPECT_EQ(eventsAfter(5s), (Events{"url", "status 5", "status 2"}));
   EXPECT_EQ(rtmp.media().size(), 2U);
-  EXPECT_EQ(log.count("Live: net reachabilityChange 2"), 1U);
-}
-
-TEST_F(Publisher, ANetworkChangeRebuildsAHealthyConnectionButStartsNone) {
-  make();
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWWAN);
-  EXPECT_EQ(eventsAfter(10s), Events{});
-  socket->start();
-  manual.runPending();
-  events();
-  manual.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
-  EXPECT_EQ(eventsAfter(10s), (Events{"url", "status 5", "status 2"}));
-  EXPECT_EQ(rtmp.closed, 1);
+  EXPECT_EQ(log.count("Live: net reachabilityChange 2"), 2U);
 }
 
 TEST_F(Publisher, CountsWhatItSends) {
   connect();
   fillSorter();
-  send({video(1, {true, bytes(1000)})});  // The first frame closes the interval that began at time 0.
+  send({video(1, {true, filled(1000)})});  // The first frame closes the interval that began at time 0.
   ASSERT_EQ(reports->statistics.size(), 1U);
   EXPECT_EQ(reports->statistics[0].roomID, "room-9");
   EXPECT_EQ(reports->statistics[0].streamID, "stream-7");
   EXPECT_EQ(reports->statistics[0].uploadUrl, kUrl);
   EXPECT_TRUE(reports->statistics[0].isRtmp);
   manual.advance(999ms);
-  send({video(2, {true, bytes(500)}), video(3, {true, bytes(400)}), audio(4, bytes(30))});
+  send({video(2, {true, filled(500)}), video(3, {true, filled(400)}), audio(4, filled(30))});
   EXPECT_EQ(reports->statistics.size(), 1U);
   manual.advance(1ms);
-  send({audio(5, bytes(7))});
+  send({audio(5, filled(7))});
   ASSERT_EQ(reports->statistics.size(), 2U);
   const auto& total = reports->statistics[1];
   EXPECT_EQ(total.elapsedMilli, 1000.0);
@@ -377,49 +332,31 @@ TEST_F(Publisher, ForwardsTheBuffersReports) {
   connect();
   fillSorter();
   manual.advance(5s);
-  EXPECT_EQ(reports->bufferEvents, (Events{"trend 2", "count 0"}));
+  EXPECT_EQ(reports->trends, (std::vector<ZelStreamingBufferState>{ZelStreamingBufferStateDecrease}));
+  EXPECT_EQ(reports->counts, (std::vector<std::uint64_t>{0}));
 }
 
 TEST_F(Publisher, StopsInEveryState) {
   struct Case {
-    const char* name;
-    std::function<void()> enter;
-    int aborted;
-    int closed;
+    bool started, connected, broken;
+    int aborted, closed;
   };
-  const std::vector<Case> cases{
-      {"created",
-       [this] {
-         make();
-         fillSorter();
-       },
-       0, 0},
-      {"about to connect",
-       [this] {
-         make();
-         fillSorter();
-         socket->start();
-       },
-       1, 1},
-      {"connected",
-       [this] {
-         connect();
-         fillSorter();
-       },
-       0, 1},
-      {"reconnecting",
-       [this] {
-         connect();
-         fillSorter();
-         rtmp.breakConnection({-8, "gone"});
-         manual.runPending();
-       },
-       0, 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const Case c : {Case{false, false, false, 0, 0}, Case{true, false, false, 1, 1}, Case{true, true, false, 0, 1},
+                       Case{true, true, true, 0, 1}}) {
+    SCOPED_TRACE(c.started + c.connected + c.broken);
     renew();
-    c.enter();
+    make();
+    fillSorter();
+    if (c.started) {
+      socket->start();
+    }
+    if (c.connected) {
+      manual.runPending();
+    }
+    if (c.broken) {
+      rtmp.breakConnection({-8, "gone"});
+      manual.runPending();
+    }
     reports->events.clear();
     socket->stop();
     socket->stop();
@@ -464,14 +401,10 @@ TEST_F(Publisher, EndsWithItsOwner) {
 }
 
 TEST_F(Publisher, SetsTheLibrarysLogLevel) {
-  struct Case {
-    int level, expected;
-  };
-  for (const Case c : {Case{6, 6}, Case{7, 1}, Case{0, 0}, Case{99, 1}}) {
-    ZelStreamRtmpSocket::setLogLevel(c.level);
-    EXPECT_EQ(ZelStreamRtmpSocket::logLevel(), c.expected);
+  for (const auto& [level, expected] : {std::pair(6, 6), std::pair(7, 1), std::pair(0, 0), std::pair(99, 1)}) {
+    ZelStreamRtmpSocket::setLogLevel(level);
+    EXPECT_EQ(ZelStreamRtmpSocket::logLevel(), expected);
   }
-  ZelStreamRtmpSocket::setLogLevel(1);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/ManualPlatform.h"
+#include "tests/transport/Frames.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 
@@ -19,15 +20,7 @@ using namespace std::chrono_literals;
 
 /// 'K' a key frame, 'P' a predicted frame, 'A' sound.
 std::shared_ptr<const ZelFrame> makeFrame(char kind, std::uint64_t timestamp) {
-  if (kind == 'A') {
-    auto audio = std::make_shared<ZelLiveAudioFrame>();
-    audio->timestamp = timestamp;
-    return audio;
-  }
-  auto video = std::make_shared<ZelLiveVideoFrame>();
-  video->timestamp = timestamp;
-  video->isKeyFrame = kind == 'K';
-  return video;
+  return kind == 'A' ? audio(timestamp) : video(timestamp, {kind == 'K'});
 }
 
 struct Reports : ZelStreamingBufferDelegate {
@@ -45,16 +38,10 @@ class StreamingBuffer : public ::testing::Test {
     buffer->setDelegate(reports);
   }
 
-  /// Brings exactly these frames into the queue, with timestamps 1, 2, …, or those given; "K7" has 7.
+  /// Brings exactly these frames into the queue: "K7" is a key frame at 7 ms.
   void fill(const std::string& frames) {
-    std::uint64_t next = 1;
-    for (std::size_t at = 0; at < frames.size();) {
-      const char kind = frames[at++];
-      std::string digits;
-      while (at < frames.size() && std::isdigit(static_cast<unsigned char>(frames[at])) != 0) {
-        digits += frames[at++];
-      }
-      buffer->appendObject(makeFrame(kind, digits.empty() ? next++ : std::stoull(digits)));
+    for (std::size_t at = 0; at < frames.size(); at += 2) {
+      buffer->appendObject(makeFrame(frames[at], static_cast<std::uint64_t>(frames[at + 1] - '0')));
     }
     pushThrough(5);
   }

@@ -11,6 +11,7 @@
 
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/WireServer.h"
+#include "tests/transport/Frames.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveStreamInfo.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
@@ -24,7 +25,6 @@ namespace zellive::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
 
 Bytes patterned(std::size_t size) {
   Bytes bytes(size);
@@ -130,30 +130,12 @@ std::vector<WireMessage> publish(WireServer& server, const std::vector<std::shar
   return server.media();
 }
 
-std::shared_ptr<ZelLiveVideoFrame> video(std::uint64_t timestamp, bool key, const Bytes& data) {
-  auto frame = std::make_shared<ZelLiveVideoFrame>();
-  frame->timestamp = timestamp;
-  frame->isKeyFrame = key;
-  frame->data = Data::copyOf(data);
-  frame->sps = Data::copyOf(Bytes{0x67, 0x64, 0x00, 0x28, 0xAC});
-  frame->pps = Data::copyOf(Bytes{0x68, 0xEE, 0x3C});
-  return frame;
-}
-
-std::shared_ptr<ZelLiveAudioFrame> audio(std::uint64_t timestamp, const Bytes& data) {
-  auto frame = std::make_shared<ZelLiveAudioFrame>();
-  frame->timestamp = timestamp;
-  frame->data = Data::copyOf(data);
-  frame->audioInfo = Data::copyOf(Bytes{0x12, 0x10});
-  return frame;
-}
-
 TEST(Wire, EveryMessageOfAStream) {
   WireServer server;
   const Bytes picture = patterned(150000);
   const auto media =
-      publish(server, {audio(10, {1}), video(20, true, {2}), audio(30, patterned(300)), video(40, true, picture),
-                       audio(50, patterned(300)), audio(50, patterned(300)), video(60, false, {0x41, 0x9A})});
+      publish(server, {audio(10), video(20), audio(30, patterned(300)), video(40, {true, picture}),
+                       audio(50, patterned(300)), audio(50, patterned(300)), video(60, {false, {0x41, 0x9A}})});
   struct Expected {
     std::uint32_t chunkStream;
     std::uint8_t headerType, type;
@@ -162,9 +144,9 @@ TEST(Wire, EveryMessageOfAStream) {
   };
   const Bytes sound = join({0xAF, 0x01}, patterned(300));
   const std::vector<Expected> expected{
-      {4, 0, 8, 0, 0, 1, {0xAF, 0x00, 0x12, 0x10}},
-      {4, 0, 9, 0, 0, 1, {0x17, 0,    0,    0,    0,    1,    0x64, 0x00, 0x28, 0xFF, 0xE1, 0,
-                          5,    0x67, 0x64, 0x00, 0x28, 0xAC, 1,    0,    3,    0x68, 0xEE, 0x3C}},
+      {4, 0, 8, 0, 0, 1, {0xAF, 0x00, 0x11, 0x88}},
+      {4, 0, 9, 0, 0, 1, {0x17, 0, 0,    0,    0, 1,    0x64, 0, 0x1F, 0xFF, 0xE1,
+                          0,    4, 0x67, 0x64, 0, 0x1F, 1,    0, 2,    0x68, 0xEE}},
       {4, 1, 8, 30, 30, 1, sound},
       {4, 0, 9, 40, 40, 3, join({0x17, 1, 0, 0, 0, 0x00, 0x02, 0x49, 0xF0}, picture)},
       {4, 1, 8, 10, 50, 1, sound},
@@ -326,6 +308,45 @@ TEST(Wire, AnswersPingsOnAQueueThatCannotWatch) {
   }));
   socket->stop();
   manual.runPending();
+}
+
+TEST(Wire, WaitsForNoHalfMessage) {
+  WireServer server;
+  Connection connection(server.url());
+  ASSERT_TRUE(connection.open);
+  const auto answered = [&] {
+    return std::ranges::any_of(server.messages(), [](const auto& m) { return m.body == Bytes{0, 7, 0, 0, 0, 9}; });
+  };
+  const Bytes ping{2, 0, 0, 0, 0, 0, 6, 4, 0, 0, 0, 0, 0, 6, 0, 0, 0, 9};
+  for (std::size_t i = 0; i < ping.size(); ++i) {
+    EXPECT_FALSE(answered());
+    server.inject({ping[i]});
+    EXPECT_EQ(connection.send(0, 9, 1, {1}), 1);
+  }
+  EXPECT_TRUE(server.waitUntil(answered));
+}
+
+TEST(Wire, BreaksOffWhenTheServerSendsWhatIsNotRtmp) {
+  Bytes cutShort{2, 0, 0, 0, 0, 1, 0, 4, 0, 0, 0, 0};
+  cutShort.resize(cutShort.size() + 128);
+  cutShort = join(cutShort, {2, 0, 0, 0, 0, 2, 0, 4, 0, 0, 0, 0});
+  const std::vector<std::pair<const char*, Bytes>> cases{
+      {"a message of 2 MB", {2, 0, 0, 0, 0x20, 0, 0, 4, 0, 0, 0, 0}},
+      {"a message inside another", cutShort},
+      {"a short header with nothing before it", {0xC0 | 33}},
+      {"a chunk size of 0", {2, 0, 0, 0, 0, 0, 4, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0xC2}},
+  };
+  for (const auto& [name, bytes] : cases) {
+    SCOPED_TRACE(name);
+    WireServer server;
+    Connection connection(server.url());
+    ASSERT_TRUE(connection.open);
+    auto broken = connection.broken();
+    server.ping(1);
+    server.inject(bytes);
+    ASSERT_EQ(broken.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(broken.get().code, RtmpFailureProtocol);
+  }
 }
 
 TEST(Wire, NoticesACloseWhileIdle) {

@@ -145,8 +145,8 @@ void ZelStreamRtmpSocket::_start() {
 int ZelStreamRtmpSocket::RTMP264_Connect(const std::string& url) {
   installConnection();
   error_ = {};
-  RtmpConnection& connection = *rtmp_->connection;
-  if (!connectSteps(connection, url)) {
+  if (const char* failed = connectSteps(*rtmp_->connection, url); failed != nullptr) {
+    ZEL_LOG(failureLevel(), "Live: %s() failed", failed);
     releaseConnection(std::exchange(error_, {}));  // Whose error asks for the next attempt.
     return -1;
   }
@@ -179,20 +179,17 @@ void ZelStreamRtmpSocket::installConnection() {
   }
 }
 
-bool ZelStreamRtmpSocket::connectSteps(RtmpConnection& connection, const std::string& url) {
-  const auto failed = [this](const char* call) {
-    ZEL_LOG(failureLevel(), "Live: %s() failed", call);
-    return false;
-  };
+/// The library call that failed; null when the stream is open.
+const char* ZelStreamRtmpSocket::connectSteps(RtmpConnection& connection, const std::string& url) {
   connection.setCallbacks({&RTMPErrorCallBack, &ConnectionTimeCallBack, rtmp_.get()});
   if (!connection.setupURL(url, &error_)) {
-    return failed("RTMP_SetupURL");
+    return "RTMP_SetupURL";
   }
   connection.enableWrite();
   if (!connection.connect(&error_)) {
-    return failed("RTMP_Connect");
+    return "RTMP_Connect";
   }
-  return connection.connectStream(&error_) || failed("RTMP_ConnectStream");
+  return connection.connectStream(&error_) ? nullptr : "RTMP_ConnectStream";
 }
 
 /// Closes the connection, if there is one; `error` goes to the error callback.

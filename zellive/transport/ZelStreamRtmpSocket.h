@@ -118,7 +118,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   void _start();
   void _stop();
   int RTMP264_Connect(const std::string& url);
-  bool connectSteps(RtmpConnection& connection, const std::string& url);
+  const char* connectSteps(RtmpConnection& connection, const std::string& url);
   void installConnection();
   void releaseConnection(RTMPError error);
   void clean();
