@@ -92,6 +92,31 @@ TEST(PixelBuffer, WrappedMemoryIsUsedInPlaceAndReleasedOnce) {
   EXPECT_EQ(released, 1);
 }
 
+TEST(PixelBuffer, CroppedPictureSharesMemoryAndKeepsItAlive) {
+  for (const auto format : kFormats) {
+    auto whole = PixelBuffer::create(format, 64, 48);
+    const std::weak_ptr<PixelBuffer> watched = whole;
+    const auto* memory = whole->plane(0).base;
+    int released = 0;
+    auto part = PixelBuffer::crop(std::move(whole), 62, 40, [&] {
+      EXPECT_FALSE(watched.expired()) << "released after the memory went";
+      ++released;
+    });
+    ASSERT_TRUE(part);
+    EXPECT_EQ(part->plane(0).base, memory);
+    EXPECT_EQ(part->plane(0).height, 40U);
+    EXPECT_TRUE(part->shareable());
+    part.reset();
+    EXPECT_EQ(released, 1);
+    EXPECT_TRUE(watched.expired());
+
+    EXPECT_FALSE(PixelBuffer::crop(PixelBuffer::create(format, 8, 8), 9, 8, [&] { ++released; }));
+    EXPECT_FALSE(PixelBuffer::crop(PixelBuffer::create(format, 8, 8), 8, 0, [&] { ++released; }));
+    EXPECT_FALSE(PixelBuffer::crop(nullptr, 8, 8, [&] { ++released; }));
+    EXPECT_EQ(released, 4);
+  }
+}
+
 TEST(PixelBuffer, WrapRefusesRowsThatCannotHoldThePictureAndReleasesThem) {
   std::uint8_t byte = 0;
   auto* const base = &byte;

@@ -113,6 +113,34 @@ std::shared_ptr<PixelBuffer> PixelBuffer::wrap(PixelFormat format, std::size_t w
   return picture;
 }
 
+std::shared_ptr<PixelBuffer> PixelBuffer::crop(std::shared_ptr<PixelBuffer> whole, std::size_t width,
+                                               std::size_t height, std::function<void()> release) {
+  const bool fits = whole && width > 0 && height > 0 && width <= whole->width_ && height <= whole->height_;
+  std::array<std::uint8_t*, 3> bases{};
+  std::array<std::size_t, 3> bytesPerRow{};
+  for (std::size_t i = 0; fits && i < whole->planeCount_; ++i) {
+    bases[i] = whole->planes_[i].base;
+    bytesPerRow[i] = whole->planes_[i].bytesPerRow;
+  }
+  // What `release` frees may be part of `whole`, so it goes first.
+  auto releaseBoth = [whole, release = std::move(release)]() mutable {
+    if (release) {
+      release();
+    }
+    whole.reset();
+  };
+  if (!fits) {
+    releaseBoth();
+    return nullptr;
+  }
+  auto part = wrap(whole->format_, width, height, bases, bytesPerRow, std::move(releaseBoth));
+  if (part) {
+    part->shareable_ = whole->shareable_;
+    part->colorMatrix_ = whole->colorMatrix_;
+  }
+  return part;
+}
+
 PixelBuffer::~PixelBuffer() {
   if (release_) {
     release_();

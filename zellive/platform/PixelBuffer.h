@@ -43,6 +43,12 @@ class PixelBuffer {
                                                          const std::array<std::size_t, 3>& bytesPerRow,
                                                          std::function<void()> release = {});
 
+  /// The upper left `width` × `height` pixels of `whole`, in its memory, which stays alive; shareable where `whole` is.
+  /// `release` runs when the last reference goes, on the thread that drops it. Null, with `release` run, when `whole`
+  /// is null or smaller than that, or a side is 0.
+  [[nodiscard]] static std::shared_ptr<PixelBuffer> crop(std::shared_ptr<PixelBuffer> whole, std::size_t width,
+                                                         std::size_t height, std::function<void()> release = {});
+
   PixelBuffer(const PixelBuffer&) = delete;
   PixelBuffer& operator=(const PixelBuffer&) = delete;
   ~PixelBuffer();
