@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "apps/zellive/Output.h"
+
+namespace zellive::tool {
+
+/// Takes the library's messages over: shows those that matter to a person, and remembers the last failure for the
+/// reason that the program ends with. Thread-safe.
+class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
+ public:
+  explicit LibraryLog(std::shared_ptr<Output> output) : output_(std::move(output)) {}
+
+  /// Installs itself as the handler, which keeps it alive.
+  void install();
+  static void uninstall();
+
+  /// Warnings are shown from now on: while a stream begins, the library warns of what is only late.
+  void showWarnings();
+  /// Why the last attempt to connect failed; empty when none did.
+  [[nodiscard]] std::string lastConnectError() const;
+  [[nodiscard]] std::string lastError() const;
+  void forgetErrors();
+  void receive(LogLevel level, std::string_view message);
+
+ private:
+  const std::shared_ptr<Output> output_;
+  mutable std::mutex mutex_;
+  bool warnings_ = false;
+  std::string lastConnectError_;
+  std::string lastError_;
+};
+
+}  // namespace zellive::tool

@@ -1,0 +1,214 @@
+#include "apps/zellive/Publisher.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace zellive::tool {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// What may be sent in a burst after a stall.
+constexpr auto maximumLag = 200ms;
+constexpr auto statusInterval = 1s;
+constexpr auto stopLimit = 2s;
+constexpr auto drainLimit = 2s;
+/// Time for the encoder's last pictures to reach the send buffer.
+constexpr auto drainMinimum = 250ms;
+/// Blocks of sound: the send buffer keeps five frames back to sort them, the encoders one each.
+constexpr int tailLength = 8;
+/// Pictures that have not come out of the encoder after so long never will.
+constexpr auto encoderPatience = 2s;
+
+}  // namespace
+
+Publisher::Publisher(const PublishOptions& options, MediaSource& source,
+                     std::shared_ptr<ZelLiveVideoConfiguration> video, std::shared_ptr<Output> output,
+                     std::shared_ptr<Waker> waker)
+    : options_(options),
+      source_(source),
+      video_(std::move(video)),
+      output_(std::move(output)),
+      waker_(std::move(waker)),
+      log_(std::make_shared<LibraryLog>(output_)),
+      events_(std::make_shared<SessionEvents>(waker_)),
+      feed_(source_, *this, video_->videoFrameRate()),
+      pacer_(maximumLag) {
+  log_->install();
+}
+
+Publisher::~Publisher() {
+  stop();
+  LibraryLog::uninstall();
+}
+
+void Publisher::pushAudio(std::span<const std::uint8_t> pcm) { session_->pushAudio(pcm); }
+
+void Publisher::pushVideo(std::shared_ptr<PixelBuffer> picture) { session_->pushVideo(std::move(picture)); }
+
+int Publisher::run() {
+  start();
+  while (phase_ != Phase::Ended) {
+    handleEvents();
+    const auto now = Waker::now();
+    feed(now);
+    showStatus(now);
+    if (phase_ != Phase::Ended) {
+      waker_->sleepUntil(wakeTime(now));
+    }
+    if (waker_->endRequested()) {
+      phase_ = Phase::Ended;
+    }
+  }
+  waker_->releaseSignals();
+  const auto now = Waker::now();
+  stop();
+  output_->finish();
+  output_->stateChanged(ZelStreamSocketStatusStopped, status(now));
+  return exitStatus_;
+}
+
+void Publisher::start() {
+  startTime_ = Waker::now();
+  nextStatus_ = startTime_ + statusInterval;
+  const auto audio = ZelLiveAudioConfiguration::defaultConfiguration();
+  session_ = ZelLiveSession::create(audio, video_, ZelLiveInputAudio | ZelLiveInputVideo);
+  session_->setDelegate(events_);
+  session_->setShowDebugInfo(true);
+  session_->setAdaptiveBitRate(options_.adaptive);
+  session_->setReconnectInterval(options_.reconnectInterval);
+  session_->setReconnectCount(options_.reconnectCount);
+  session_->setInputVideoFrameRate(video_->videoFrameRate());
+  session_->setVideoEncoderOptions({options_.encoder, options_.preset});
+  if (options_.denoise > 0) {
+    session_->setDenoiseLevel(options_.denoise);
+  }
+  auto info = std::make_shared<ZelLiveStreamInfo>();
+  info->setUrl(options_.url);
+  info->audioConfiguration = audio;
+  info->videoConfiguration = video_;
+  session_->startLive(std::move(info));
+}
+
+void Publisher::stop() {
+  if (session_) {
+    session_->stopLive();
+    (void)session_->waitUntilStopped(stopLimit);
+    session_.reset();
+  }
+}
+
+void Publisher::handleEvents() {
+  const auto batch = events_->take();
+  if (batch.report) {
+    meter_.report(batch.report->info, batch.report->time);
+    bufferCount_ = static_cast<std::uint64_t>(batch.report->info.unSendCount);
+    if (meter_.hasRates()) {
+      log_->showWarnings();
+    }
+  }
+  bufferCount_ = batch.bufferCount.value_or(bufferCount_);
+  for (const auto code : batch.errors) {
+    if (code == ZelStreamSocketErrorNetworkUnreachable) {
+      output_->error(code, "the network is unreachable; the stream goes on when it is back");
+    }
+  }
+  for (const auto state : batch.states) {
+    handleState(state);
+  }
+}
+
+void Publisher::handleState(std::uint64_t state) {
+  const auto now = Waker::now();
+  state_ = state;
+  output_->stateChanged(state, status(now));
+  if (state == ZelStreamSocketStatusConnected) {
+    log_->forgetErrors();
+    wasConnected_ = true;
+    if (phase_ == Phase::Waiting) {
+      phase_ = Phase::Streaming;
+      phaseStart_ = now;
+      pacer_.start(now);
+    }
+  } else if (state == ZelStreamSocketStatusError) {
+    fail(ZelStreamSocketErrorReconnectExhausted, connectFailure());
+  } else if (state == ZelLiveSessionStateNoVideo && phase_ == Phase::Streaming && now - phaseStart_ > encoderPatience) {
+    const auto reason = log_->lastError();
+    fail(state, "no picture could be encoded" + (reason.empty() ? "" : ": " + reason));
+  }
+}
+
+std::string Publisher::connectFailure() const {
+  const std::string reason = log_->lastConnectError();
+  const std::string what = wasConnected_ ? "the connection to " + maskedUrl(options_.url) + " was lost"
+                                         : "cannot publish to " + maskedUrl(options_.url);
+  return reason.empty() ? what : what + ": " + reason;
+}
+
+void Publisher::fail(std::uint64_t code, const std::string& reason) {
+  output_->error(code, reason);
+  exitStatus_ = 1;
+  phase_ = Phase::Ended;
+}
+
+/// One step at most, so that a machine that cannot keep up still hears signals and events.
+void Publisher::feed(Waker::Duration now) {
+  if (phase_ == Phase::Streaming && pacer_.due(feed_.next(), now) <= now) {
+    if (options_.duration && feed_.position() >= *options_.duration) {
+      endOfMedia();
+    } else if (!feed_.step()) {
+      if (const auto failure = source_.failure(); !failure.empty()) {
+        fail(0, failure);
+        return;
+      }
+      endOfMedia();
+    }
+  } else if (phase_ == Phase::Tail && pacer_.due(feed_.position(), now) <= now) {
+    feed_.stepSilence();
+    if (++tailBlocks_ == tailLength) {
+      phase_ = Phase::Draining;
+      phaseStart_ = now;
+    }
+  } else if (phase_ == Phase::Draining && drained(now)) {
+    phase_ = Phase::Ended;
+  }
+}
+
+void Publisher::endOfMedia() { phase_ = Phase::Tail; }
+
+bool Publisher::drained(Waker::Duration now) const {
+  const auto time = now - phaseStart_;
+  return time >= drainLimit || (time >= drainMinimum && bufferCount_ < 10);
+}
+
+void Publisher::showStatus(Waker::Duration now) {
+  if (now >= nextStatus_) {
+    output_->status(status(now));
+    nextStatus_ = std::max(nextStatus_ + statusInterval, now);
+  }
+}
+
+Waker::Duration Publisher::wakeTime(Waker::Duration now) {
+  switch (phase_) {
+    case Phase::Streaming:
+      return std::min(nextStatus_, pacer_.due(feed_.next(), now));
+    case Phase::Tail:
+      return std::min(nextStatus_, pacer_.due(feed_.position(), now));
+    case Phase::Draining:
+      return std::min<Waker::Duration>(nextStatus_, now + 50ms);
+    default:
+      return nextStatus_;
+  }
+}
+
+StreamStatus Publisher::status(Waker::Duration now) const {
+  StreamStatus status;
+  status.state = stateName(state_);
+  status.elapsed = now - startTime_;
+  meter_.read(status, now);
+  status.dropped += feed_.skipped();
+  status.encoderBitRate = session_ ? session_->videoBitRate() : 0;
+  return status;
+}
+
+}  // namespace zellive::tool

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+
+namespace zellive::tool {
+
+/// Where the program's one loop sleeps: until a time, until another thread wakes it, or until it is asked to end.
+class Waker {
+ public:
+  using Duration = std::chrono::nanoseconds;
+
+  /// Takes SIGINT and SIGTERM over. Make it before any other thread starts: those must not get the signals. Throws
+  /// std::system_error when the kernel has no descriptors left.
+  Waker();
+  /// Gives the signals back.
+  ~Waker();
+  Waker(const Waker&) = delete;
+  Waker& operator=(const Waker&) = delete;
+
+  /// Of the steady clock.
+  [[nodiscard]] static Duration now();
+  /// Ends the present or the next sleep. Any thread.
+  void wake();
+  /// Sleeps until `time` of the steady clock at most.
+  void sleepUntil(Duration time);
+  /// SIGINT or SIGTERM has come.
+  [[nodiscard]] bool endRequested() const { return endRequested_; }
+  /// From here on a signal ends the program at once: for an impatient second Ctrl-C.
+  void releaseSignals();
+
+ private:
+  int wakeFd_ = -1;
+  int signalFd_ = -1;
+  bool endRequested_ = false;
+  bool holdsSignals_ = false;
+};
+
+}  // namespace zellive::tool
