@@ -87,11 +87,16 @@ ManualTime::ManualTime()
       main_(std::make_shared<ManualQueue>(state_, "main")),
       global_(std::make_shared<ManualQueue>(state_, "global")) {}
 
-ManualTime::~ManualTime() {
-  // Work that never ran is dropped outside the lock: what it holds may post or cancel.
-  std::map<State::Key, State::Entry> dropped;
-  {
+ManualTime::~ManualTime() { dropWork(); }
+
+void ManualTime::dropWork() {
+  for (;;) {
+    // Dropped outside the lock: what the work holds may post or cancel.
+    std::map<State::Key, State::Entry> dropped;
     const std::lock_guard lock(state_->mutex);
+    if (state_->work.empty()) {
+      return;
+    }
     dropped.swap(state_->work);
   }
 }
@@ -179,6 +184,8 @@ ManualPlatform::ManualPlatform()
       device(std::make_shared<SettableDevice>()),
       reachability(std::make_shared<SettableReachability>(notifications)),
       companion(makeLoggedOutSdwan(time->globalQueue())) {}
+
+ManualPlatform::~ManualPlatform() { time->dropWork(); }
 
 std::shared_ptr<const Platform> ManualPlatform::platform() const {
   auto set = std::make_shared<Platform>();

@@ -27,6 +27,8 @@ class ManualTime : public QueueService, public MediaClock {
   void runPending();
   /// Moves time on by `duration`, stopping at each piece of delayed work to run it at its own time.
   void advance(std::chrono::nanoseconds duration);
+  /// Drops all work that has not run, and what dropping it posts.
+  void dropWork();
   /// Delayed pieces of work that are neither run nor cancelled.
   [[nodiscard]] std::size_t delayedWork() const;
   /// The queues that exist at present, by label.
@@ -72,6 +74,10 @@ class SettableReachability : public AFNetworkReachabilityManager {
 /// A whole platform on manual time. Encoders are null until a test puts its own in.
 struct ManualPlatform {
   ManualPlatform();
+  /// Drops the work that has not run: it may hold objects that hold this platform.
+  ~ManualPlatform();
+  ManualPlatform(const ManualPlatform&) = delete;
+  ManualPlatform& operator=(const ManualPlatform&) = delete;
 
   /// The set as it stands; later changes of the members below do not show in it.
   [[nodiscard]] std::shared_ptr<const Platform> platform() const;
