@@ -45,6 +45,7 @@ def options():
     parser.add_argument("--bitrate", type=int, default=1500, help="of the video, kbit/s (%(default)s)")
     parser.add_argument("--preset", default="superfast", help="of libx264 (%(default)s)")
     parser.add_argument("--peer-threads", default="1", help="libx264's threads in ffmpeg, or auto (%(default)s)")
+    parser.add_argument("--peer-aac-coder", default="twoloop", help="search of ffmpeg's AAC encoder (%(default)s)")
     parser.add_argument("--json", metavar="FILE", help="write every run's figures there as well")
     parser.add_argument("--tool", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--handover", required=True, help=argparse.SUPPRESS)
@@ -66,9 +67,19 @@ def command(program, url, asked):
         "-t", str(asked.seconds), "-map", "0:v:0", "-map", "0:a:0", "-s", asked.size, "-r", str(asked.fps),
         "-c:v", "libx264", "-preset", asked.preset, "-tune", "zerolatency", "-profile:v", "high", "-bf", "0",
         "-g", str(2 * asked.fps), "-sc_threshold", "0", "-b:v", f"{asked.bitrate}k",
-        "-maxrate", f"{asked.bitrate}k", "-bufsize", f"{asked.bitrate // 2}k", *threads, "-c:a", "aac", "-b:a", "128k", "-ac", "1", "-ar", "48000",
-        "-flvflags", "no_duration_filesize", "-f", "flv", url,
+        "-maxrate", f"{asked.bitrate}k", "-bufsize", f"{asked.bitrate // 2}k", *threads, "-c:a", "aac", "-aac_coder", asked.peer_aac_coder,
+        "-b:a", "128k", "-ac", "1", "-ar", "48000", "-flvflags", "no_duration_filesize", "-f", "flv", url,
     ]  # fmt: skip
+
+
+def anonymous_memory(pid):
+    """KiB of the process's resident memory that is no file's; 0 when it has ended."""
+    try:
+        status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    except OSError:
+        return 0
+    found = re.search(r"^RssAnon:\s+(\d+) kB", status, re.MULTILINE)
+    return int(found[1]) if found else 0
 
 
 class Runs:
@@ -79,33 +90,33 @@ class Runs:
         self.count = 0
 
     def run(self, program, kind, port=None, prefix=(), environment=None):
-        """Runs a program to its end. Gives its resource usage, its wall time and the name of its stream."""
+        """Runs a program to its end. Gives its resource usage, its most private memory in KiB and its stream's name."""
         self.count += 1
         stream = f"{kind}{self.count}-{program}"
         url = f"rtmp://127.0.0.1:{port or self.server.port}/live/{stream}"
         log = self.scratch / f"{stream}.log"
         with open(log, "wb") as output:
-            started = time.monotonic()
             process = subprocess.Popen(
                 [*prefix, *command(program, url, self.asked)], stdin=subprocess.DEVNULL, stdout=output,
                 stderr=subprocess.STDOUT, env={**os.environ, **(environment or {})}, start_new_session=True,
             )  # fmt: skip
-            usage = self._wait(process)
-            wall = time.monotonic() - started
+            usage, private = self._wait(process)
         if process.returncode != 0:
             raise BenchError(f"{program} ended with {process.returncode}:\n{log.read_text(errors='replace')[-2000:]}")
-        return usage, wall, stream
+        return usage, private, stream
 
     def _wait(self, process):
-        """Popen.wait() with the process's own resource usage, and a limit."""
+        """Popen.wait() with the process's own resource usage, its most private memory meanwhile, and a limit."""
+        private = 0
         try:
             limit = time.monotonic() + 2 * self.asked.seconds + 30
             while time.monotonic() < limit:
                 pid, status, usage = os.wait4(process.pid, os.WNOHANG)
                 if pid != 0:
                     process.returncode = os.waitstatus_to_exitcode(status)
-                    return usage
-                time.sleep(0.05)
+                    return usage, private
+                private = max(private, anonymous_memory(process.pid))
+                time.sleep(0.1)
             raise BenchError("a run does not end")
         finally:
             if process.returncode is None:
@@ -113,7 +124,7 @@ class Runs:
                 process.wait()
 
     def cost(self, program):
-        usage, wall, stream = self.run(program, "cost")
+        usage, private, stream = self.run(program, "cost")
         deadline = time.monotonic() + 5
         while not (tags := self.server.recording(stream)) and time.monotonic() < deadline:
             time.sleep(0.1)
@@ -128,8 +139,8 @@ class Runs:
             "user": usage.ru_utime / self.asked.seconds,
             "system": usage.ru_stime / self.asked.seconds,
             "memory": usage.ru_maxrss / 1024,
+            "private": private / 1024,
             "switches": (usage.ru_nvcsw + usage.ru_nivcsw) / self.asked.seconds,
-            "wall": wall,
             "fps": (frames - 1) / span,
             "kbits": sum(size for _, _, size in pictures) * 8 / 1000 / span,
         }
@@ -206,6 +217,7 @@ ROWS = (
     ("user", "  of that in user mode", "{:.3f}"),
     ("system", "  of that in the kernel", "{:.3f}"),
     ("memory", "peak resident memory, MiB", "{:.1f}"),
+    ("private", "  of that private, MiB", "{:.1f}"),
     ("switches", "context switches a second", "{:.0f}"),
     ("calls", "sending calls a message", "{:.2f}"),
     ("messages", "messages a second", "{:.1f}"),
