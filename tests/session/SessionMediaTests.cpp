@@ -42,6 +42,25 @@ TEST_F(SessionTest, TheStreamOpensWithAKeyFrameThatFollowsAudio) {
   EXPECT_EQ(session->handedOff.size(), 3U);
 }
 
+TEST_F(SessionTest, APictureWhoseSeiCameTooEarlyIsDroppedWhole) {
+  connect(kPushed);
+  pushPicture();
+  const auto encoder = ZelHardwareVideoEncoder::create(video, manual.platform());
+  const auto nalUnit = [&](std::uint8_t type) {
+    auto frame = std::make_shared<ZelLiveVideoFrame>();
+    frame->isKeyFrame = true;
+    frame->data = Data::copyOf(std::array<std::uint8_t, 2>{type, 1});
+    session->videoEncoderVideoFrame(*encoder, frame);
+  };
+  nalUnit(0x06);
+  pushAudio(2);
+  nalUnit(0x65);
+  EXPECT_TRUE(session->handedOff.empty()) << "the slice would be spent on the sequence header";
+  nalUnit(0x06);
+  nalUnit(0x65);
+  EXPECT_EQ(session->handedOff.size(), 2U);
+}
+
 TEST_F(SessionTest, AnOddSampleRateOrChannelCountDoesNotChangeTheCountOfSamples) {
   connect(kPushed);
   auto format = session->inputAudioASBD();

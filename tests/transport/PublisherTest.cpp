@@ -155,6 +155,9 @@ TEST_F(Publisher, SpendsTheFirstFrameOfEachKindOnItsHeader) {
   const VideoParts interFrame{false, {0x41}};
   const std::vector<Case> cases{
       {"key picture", {video(1), video(2)}, {{0, avcHeader}, {0, {0x17, 1, 0, 0, 0, 0, 0, 0, 2, 0x65, 1}}}},
+      {"SEI ahead and between",
+       {video(1, {true, {6, 1}}), video(2), video(2, {true, {6, 1}}), video(2, interFrame)},
+       {{0, avcHeader}, {0, {0x17, 1, 0, 0, 0, 0, 0, 0, 2, 0x65, 1}}, {0, inter}}},
       {"sets on a predicted picture", {video(1, interFrame), video(2, interFrame)}, {{0, avcHeader}, {0, inter}}},
       {"no PPS", {video(1, {true, {9}, {0x67, 1, 2, 3}, {}}), video(2, interFrame)}, {{0, inter}}},
       {"oversized SPS", {video(1, {true, {9}, filled(1007)}), video(2, interFrame)}, {{0, inter}}},

@@ -36,6 +36,9 @@ struct ZelLiveVideoFrame final : ZelFrame {
   /// The parameter sets in force, bare; absent before the first key frame.
   Data sps;
   Data pps;
+
+  /// Supplemental enhancement information (ISO/IEC 14496-10, 7.4.1), which holds nothing of the picture itself.
+  [[nodiscard]] bool isSupplement() const noexcept { return data.length() > 0 && (*data.bytes() & 0x1F) == 6; }
 };
 
 /// One raw AAC access unit (ISO/IEC 14496-3), no ADTS header.

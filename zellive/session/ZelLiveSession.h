@@ -269,6 +269,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::uint64_t fr_ = 0;
 
   ZelLiveTool tool_;
+  /// An SEI came before alignment, its slice has yet to come. The encoder's callbacks only, which never overlap.
+  bool pictureBegun_ = false;
 
   std::atomic<std::int64_t> audioSeqId_{0};
   std::atomic<std::int64_t> videoSeqId_{0};

@@ -224,8 +224,12 @@ void ZelLiveSession::videoEncoderVideoFrame(ZelHardwareVideoEncoder&, std::share
   if (!uploading_) {
     return;
   }
-  if (frame->isKeyFrame && hasCaptureAudio_) {
+  // A picture arrives with its first NAL unit: one whose SEI came too early is dropped whole. Its slice alone would be
+  // spent on the sequence header, and the picture with it.
+  const bool arrives = !std::exchange(pictureBegun_, frame->isSupplement() && !AVAlignnment());
+  if (frame->isKeyFrame && hasCaptureAudio_ && arrives) {
     hasKeyFrameVideo_ = true;
+    pictureBegun_ = false;
   }
   if (!AVAlignnment()) {
     videoFrameWithoutAlignment();

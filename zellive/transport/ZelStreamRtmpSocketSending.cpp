@@ -66,12 +66,15 @@ void ZelStreamRtmpSocket::sendStep() {
   }
 }
 
-/// False for a frame that is lost because the connection's header cannot be made of it.
+/// False for a frame that is not sent: the connection's header cannot be made of it, or players would not want it.
 bool ZelStreamRtmpSocket::sendFrameOrHeader(const ZelFrame& frame) {
   if (frame.kind() == ZelFrameKind::Video) {
     const auto& video = static_cast<const ZelLiveVideoFrame&>(frame);
     if (!std::exchange(sendVideoHead_, true)) {
       return sendVideoHeader(video);
+    }
+    if (video.isSupplement()) {
+      return false;  // It was there to be spent on the header; in a message of its own players complain of it.
     }
     packVideo(video, body_);
     sendPacket(kVideoType, frame.timestamp);
