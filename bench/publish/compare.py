@@ -126,14 +126,13 @@ class Runs:
     def cost(self, program):
         usage, private, stream = self.run(program, "cost")
         deadline = time.monotonic() + 5
-        while not (tags := self.server.recording(stream)) and time.monotonic() < deadline:
+        while not (pictures := self.server.recording(stream)) and time.monotonic() < deadline:
             time.sleep(0.1)
-        pictures = [tag for tag in tags if tag[0] == rtmp_wire.VIDEO]
-        frames = len({stamp for _, stamp, _ in pictures})
+        frames = len({stamp for stamp, _ in pictures})
         expected = self.asked.seconds * self.asked.fps
         if frames < 0.9 * expected:
             raise BenchError(f"{program} published {frames} pictures instead of {expected}")
-        span = (pictures[-1][1] - pictures[0][1]) / 1000
+        span = (pictures[-1][0] - pictures[0][0]) / 1000
         return {
             "cpu": (usage.ru_utime + usage.ru_stime) / self.asked.seconds,
             "user": usage.ru_utime / self.asked.seconds,
@@ -142,7 +141,7 @@ class Runs:
             "private": private / 1024,
             "switches": (usage.ru_nvcsw + usage.ru_nivcsw) / self.asked.seconds,
             "fps": (frames - 1) / span,
-            "kbits": sum(size for _, _, size in pictures) * 8 / 1000 / span,
+            "kbits": sum(size for _, size in pictures) * 8 / 1000 / span,
         }
 
     def calls(self, program):

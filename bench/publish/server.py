@@ -7,6 +7,8 @@ import socket
 import subprocess
 import time
 
+from rtmp_wire import VIDEO
+
 CONFIGURATION = """\
 load_module {module};
 daemon off;
@@ -76,13 +78,15 @@ class Server:
         return ("127.0.0.1", self.port)
 
     def recording(self, stream):
-        """Tags that the server recorded of `stream`: a list of (type, timestamp, size)."""
+        """Pictures' tags that the server recorded of `stream`: a list of (timestamp in milliseconds, size)."""
         path = self.prefix / f"{stream}.flv"
         data = path.read_bytes() if path.exists() else b""
         tags, at = [], 13
         while at + 11 <= len(data):
             size = int.from_bytes(data[at + 1 : at + 4], "big")
             stamp = int.from_bytes(data[at + 4 : at + 7], "big") | data[at + 7] << 24
-            tags.append((data[at], stamp, size))
+            coded = data[at] == VIDEO and data[at + 12 : at + 13] == b"\1"  # No sequence header.
+            if coded:
+                tags.append((stamp, size))
             at += 11 + size + 4
         return tags
