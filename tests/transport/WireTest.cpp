@@ -75,12 +75,6 @@ class Connection {
     });
     return result;
   }
-  void close() {
-    onQueue([&] {
-      RTMPError none;
-      connection_->close(&none);
-    });
-  }
   std::future<RTMPError> broken() { return broken_.get_future(); }
 
   bool open = false;
@@ -360,8 +354,6 @@ TEST(Wire, NoticesACloseWhileIdle) {
   EXPECT_EQ(error.code, RtmpFailureClosed);
   EXPECT_EQ(error.message, "the server closed the connection");
   EXPECT_EQ(connection.send(0, 9, 1, {1}), -1);
-  connection.close();
-  EXPECT_EQ(server.commands().back(), "publish") << "no goodbye on a broken connection";
 }
 
 TEST(Wire, SpeaksIPv6) {
