@@ -1,6 +1,22 @@
 #include "apps/zellive/LibraryLog.h"
 
 namespace zellive::tool {
+namespace {
+
+/// What people need not see: a connection's failure follows in plain words, and a stream with a URL has no live room.
+bool isDetail(std::string_view message) {
+  return message.starts_with("Live: RTMP_") || message.starts_with("librtmp: ") ||
+         message.starts_with("Live: refresh push request error");
+}
+
+/// The words of "Live: RTMP connect error -3 message cannot connect"; empty for any other message.
+std::string_view connectErrorWords(std::string_view message) {
+  constexpr std::string_view words = " message ";
+  const auto at = message.starts_with("Live: RTMP connect error ") ? message.find(words) : std::string_view::npos;
+  return at == std::string_view::npos ? std::string_view() : message.substr(at + words.size());
+}
+
+}  // namespace
 
 void LibraryLog::install() {
   setLogHandler([self = shared_from_this()](LogLevel level, std::string_view, int, std::string_view message) {
@@ -8,24 +24,19 @@ void LibraryLog::install() {
   });
 }
 
-void LibraryLog::uninstall() { setLogHandler({}); }
-
 void LibraryLog::receive(LogLevel level, std::string_view message) {
-  // "Live: RTMP connect error -3 message connection refused"
-  constexpr std::string_view connectError = "Live: RTMP connect error ";
-  constexpr std::string_view words = " message ";
-  bool show = true;
   {
     const std::lock_guard lock(mutex_);
-    if (message.starts_with(connectError)) {
-      const auto at = message.find(words, connectError.size());
-      lastConnectError_ = at == std::string_view::npos ? message : message.substr(at + words.size());
+    if (const auto words = connectErrorWords(message); !words.empty()) {
+      lastConnectError_ = words;
+      message = words;
+    } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_)) {
+      level = LogLevel::Information;
     } else if (level == LogLevel::Error) {
       lastError_ = message.starts_with("Live: ") ? message.substr(6) : message;
     }
-    show = level != LogLevel::Warning || warnings_;
   }
-  output_->log(show ? level : LogLevel::Information, message);
+  output_->log(level, message);
 }
 
 void LibraryLog::showWarnings() {

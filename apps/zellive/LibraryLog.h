@@ -15,9 +15,8 @@ class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
  public:
   explicit LibraryLog(std::shared_ptr<Output> output) : output_(std::move(output)) {}
 
-  /// Installs itself as the handler, which keeps it alive.
+  /// Installs itself as the handler, to the end of the process: the library may speak until then.
   void install();
-  static void uninstall();
 
   /// Warnings are shown from now on: while a stream begins, the library warns of what is only late.
   void showWarnings();

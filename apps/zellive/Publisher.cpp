@@ -37,10 +37,7 @@ Publisher::Publisher(const PublishOptions& options, MediaSource& source,
   log_->install();
 }
 
-Publisher::~Publisher() {
-  stop();
-  LibraryLog::uninstall();
-}
+Publisher::~Publisher() { stop(); }
 
 void Publisher::pushAudio(std::span<const std::uint8_t> pcm) { session_->pushAudio(pcm); }
 

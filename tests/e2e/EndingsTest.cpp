@@ -1,0 +1,138 @@
+#include <signal.h>
+
+#include "tests/e2e/Tool.h"
+#include "tests/support/FlvFile.h"
+#include "tests/support/Sockets.h"
+
+namespace zellive::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* key = "very-secret-key";
+
+void expectNoKey(const std::string& text) { EXPECT_EQ(text.find(key), std::string::npos) << text; }
+
+std::string local(std::uint16_t port, const std::string& application = "live") {
+  return "rtmp://127.0.0.1:" + std::to_string(port) + "/" + application + "/" + key;
+}
+
+/// Gives up at the first failure.
+std::vector<std::string> impatient(const std::string& url, std::vector<std::string> more = {}) {
+  more.insert(more.end(), {"--test-card", "--size", "160x90", "--reconnect-interval", "1", "--reconnect-count", "1"});
+  return toolCommand(url, std::move(more));
+}
+
+/// A reason is one line, and names what a person can look into.
+void expectReason(const Outcome& run, const std::string& told) {
+  EXPECT_EQ(run.status, 1) << run.output << run.errors;
+  const auto at = run.errors.find("zellive: cannot publish to rtmp://");
+  ASSERT_NE(at, std::string::npos) << run.errors;
+  const auto line = run.errors.substr(at, run.errors.find('\n', at) - at);
+  EXPECT_NE(line.find(told), std::string::npos) << told << " is not in\n" << line;
+  expectNoKey(run.output + run.errors);
+}
+
+TEST(EndingsTest, AServerThatCannotBeReachedIsToldApart) {
+  expectReason(runProgram(impatient("rtmp://no-such-host.invalid/live/" + std::string(key), {"--verbose"})),
+               "cannot find the host no-such-host.invalid");
+  expectReason(runProgram(impatient(local(freePort()), {"--verbose"})), "Connection refused");
+  const LoopbackListener silent;
+  expectReason(runProgram(impatient(local(silent.port()), {"--json"})), "said nothing");
+}
+
+TEST_F(ServerTest, AServerThatRefusesToPublishIsToldApart) {
+  expectReason(runProgram(impatient(server->url(key, "closed"), {"--verbose"})), "the server closed the connection");
+}
+
+TEST_F(ServerTest, ASecondPublisherOfTheSameNameIsRefused) {
+  Process first(toolCommand(server->url(key), {"--test-card", "--size", "160x90", "--json"}));
+  ASSERT_TRUE(first.waitForText("\"type\":\"status\"", 10s));
+  expectReason(runProgram(impatient(server->url(key))), "Already publishing");
+  first.signal(SIGINT);
+  ASSERT_TRUE(first.waitFor(5s));
+  EXPECT_EQ(first.exitStatus(), 0);
+}
+
+TEST_F(ServerTest, InterruptEndsTheStreamCleanly) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    const auto stream = std::string(key) + std::to_string(signal);
+    Process tool(toolCommand(server->url(stream), {"--test-card", "--size", "320x180", "--json", "--verbose"}));
+    ASSERT_TRUE(tool.waitForText("\"elapsed\":3", 15s)) << tool.errors();
+    tool.signal(signal);
+    ASSERT_TRUE(tool.waitFor(5s));
+    EXPECT_EQ(tool.exitStatus(), 0) << tool.errors();
+    expectNoKey(tool.output() + tool.errors());
+
+    const auto lines = jsonLines(tool.output());
+    ASSERT_GE(lines.size(), 5U);
+    std::vector<std::string> states;
+    std::size_t reports = 0;
+    for (const auto& line : lines) {
+      if (line.at("type") == "state") {
+        states.push_back(line.at("state"));
+      } else {
+        EXPECT_EQ(line.at("type"), "status") << line;
+        ++reports;
+      }
+    }
+    EXPECT_EQ(states, (std::vector<std::string>{"connecting", "connected", "stopped"}));
+    EXPECT_GE(reports, 3U);
+    EXPECT_GT(lines[lines.size() - 2].at("bit_rate"), 0);
+    EXPECT_NEAR(lines[lines.size() - 2].at("frame_rate").get<double>(), 24, 3);
+
+    ASSERT_TRUE(waitForRecording(server->recording(stream))) << server->errorLog();
+    const FlvFile file(server->recording(stream));
+    EXPECT_FALSE(file.mediaTags(FlvTag::Video).empty());
+    EXPECT_FALSE(file.mediaTags(FlvTag::Audio).empty());
+  }
+}
+
+TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
+  const LoopbackListener silent;
+  Process tool(toolCommand(local(silent.port()), {"--test-card"}));
+  ASSERT_TRUE(tool.waitForText("connecting", 10s)) << tool.errors();
+  tool.signal(SIGINT);
+  ASSERT_TRUE(tool.waitFor(4s));
+  EXPECT_EQ(tool.exitStatus(), 0) << tool.errors();
+}
+
+TEST_F(ServerTest, AServerThatGoesAwayForGoodEndsTheStreamWithAReason) {
+  Process tool(toolCommand(server->url(key), {"--test-card", "--size", "160x90", "--json", "--reconnect-interval", "1",
+                                              "--reconnect-count", "2"}));
+  ASSERT_TRUE(tool.waitForText("\"type\":\"status\"", 10s)) << tool.errors();
+  server->kill();
+  ASSERT_TRUE(tool.waitFor(20s));
+  EXPECT_EQ(tool.exitStatus(), 1);
+  EXPECT_NE(tool.errors().find("was lost: "), std::string::npos) << tool.errors();
+  bool told = false;
+  for (const auto& line : jsonLines(tool.output())) {
+    told = told || (line.at("type") == "error" && line.at("code") == 205);
+  }
+  EXPECT_TRUE(told) << tool.output();
+  expectNoKey(tool.output() + tool.errors());
+}
+
+TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
+  struct Case {
+    std::vector<std::string> arguments;
+    int status;
+    const char* told;
+  };
+  const Case cases[] = {
+      {{"--input", "/nonexistent/clip.mp4"}, 1, "No such file"},
+      {{"--input", clip, "--size", "640x480"}, 2, "would fit"},
+      {{"--input", clip, "--test-card"}, 2, "--test-card"},
+      {{}, 2, "--input"},
+  };
+  for (const auto& [arguments, status, told] : cases) {
+    const auto run = runProgram(toolCommand(local(9), arguments));
+    EXPECT_EQ(run.status, status) << run.errors;
+    EXPECT_NE(run.errors.find(told), std::string::npos) << run.errors;
+    EXPECT_EQ(run.errors.find('\n'), run.errors.size() - 1) << run.errors;
+    expectNoKey(run.output + run.errors);
+  }
+}
+
+}  // namespace
+}  // namespace zellive::test

@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "tests/e2e/Tool.h"
+#include "tests/support/FlvFile.h"
+#include "tests/support/Sockets.h"
+
+namespace zellive::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// "key=value" for everything that ffprobe says.
+void expectStreams(const std::string& path) {
+  const auto streams = "\n" + runProgram({"ffprobe", "-v", "error", "-show_streams", path}).output;
+  for (const char* line : {"codec_name=h264", "profile=High", "width=1280", "height=720", "has_b_frames=0",
+                           "codec_name=aac", "profile=LC", "sample_rate=48000", "channels=1"}) {
+    EXPECT_NE(streams.find("\n" + std::string(line) + "\n"), std::string::npos) << line << " is not in" << streams;
+  }
+}
+
+/// A decoder that has nothing to complain about; the number of pictures it makes.
+std::size_t decodedPictures(const std::string& path) {
+  const auto decoded =
+      runProgram({"ffmpeg", "-v", "error", "-i", path, "-f", "null", "-progress", "-", "-nostats", "/dev/null"});
+  EXPECT_EQ(decoded.status, 0);
+  EXPECT_EQ(decoded.errors, "");
+  const auto at = decoded.output.rfind("frame=");
+  return at == std::string::npos ? 0 : std::stoul(decoded.output.substr(at + 6));
+}
+
+/// The times of the pictures, or of the key frames alone. Other NAL units travel as tags of their own.
+std::vector<double> pictureTimes(const FlvFile& file, bool keysOnly) {
+  std::vector<double> times;
+  for (const auto& tag : file.mediaTags(FlvTag::Video)) {
+    if ((tag.nalType() == 1 && !keysOnly) || tag.nalType() == 5) {
+      times.push_back(tag.timestamp);
+    }
+  }
+  return times;
+}
+
+void expectSpacing(const std::vector<double>& times, double milliseconds, const char* what) {
+  ASSERT_GE(times.size(), 3U) << what;
+  for (std::size_t i = 1; i < times.size(); ++i) {
+    ASSERT_NEAR(times[i] - times[i - 1], milliseconds, 1.01) << what << " " << i;
+  }
+}
+
+TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
+  const auto run = runProgram(
+      toolCommand(server->url("clip"), {"--input", clip, "--loop", "--duration", "9", "--preset", "superfast"}));
+  ASSERT_EQ(run.status, 0) << run.output << run.errors;
+  EXPECT_EQ(run.errors, "");
+  const auto path = server->recording("clip");
+  ASSERT_TRUE(waitForRecording(path)) << server->errorLog();
+  expectStreams(path);
+
+  const FlvFile file(path);
+  std::uint32_t last = 0;
+  for (const auto& tag : file.tags()) {
+    if (tag.isMedia()) {
+      ASSERT_GE(tag.timestamp, last);
+      last = tag.timestamp;
+    }
+  }
+  const auto pictures = pictureTimes(file, false);
+  auto keys = pictureTimes(file, true);
+  EXPECT_EQ(decodedPictures(path), pictures.size());
+  expectSpacing(pictures, 1000.0 / 24, "picture");
+  ASSERT_EQ(keys.front(), pictures.front()) << "the first picture is a key frame";
+  // The first one is made when the sound is there, the second where the rhythm has it.
+  keys.erase(keys.begin());
+  expectSpacing(keys, 2000, "key frame");
+  std::vector<double> sounds;
+  for (const auto& tag : file.mediaTags(FlvTag::Audio)) {
+    sounds.push_back(tag.timestamp);
+  }
+  expectSpacing(sounds, 1024 / 48.0, "sound");
+  EXPECT_NEAR(pictures.front(), sounds.front(), 50);
+  EXPECT_GE(std::min(pictures.back(), sounds.back()), 8950);
+}
+
+TEST_F(ServerTest, TheStreamGoesOnWhenTheServerComesBack) {
+  Process tool(toolCommand(server->url("again"), {"--input", clip, "--loop", "--json", "--duration", "9",
+                                                  "--reconnect-interval", "1", "--reconnect-count", "9"}));
+  ASSERT_TRUE(tool.waitForText("\"type\":\"status\"", 10s)) << tool.errors();
+  server->kill();
+  ASSERT_TRUE(tool.waitForText("reconnecting", 10s)) << tool.errors();
+  const auto path = server->recording("again");
+  std::remove(path.c_str());
+  server->start();
+  ASSERT_TRUE(tool.waitFor(30s));
+  EXPECT_EQ(tool.exitStatus(), 0) << tool.errors();
+  ASSERT_TRUE(waitForRecording(path)) << server->errorLog();
+  expectStreams(path);
+  EXPECT_GE(pictureTimes(FlvFile(path), false).back(), 8950) << "the stream's clock went on meanwhile";
+}
+
+TEST(SecondReceiverTest, AnotherServerTakesTheStreamAndItsMetadata) {
+  TemporaryDirectory directory;
+  const auto path = directory.path() + "/received.flv";
+  const auto url = "rtmp://127.0.0.1:" + std::to_string(freePort()) + "/live/clip";
+  // Takes one publisher and writes down what it gets, byte for byte.
+  Process receiver({"ffmpeg", "-v", "error", "-listen", "1", "-f", "data", "-i", url, "-map", "0", "-c", "copy", "-f",
+                    "data", path});
+  // It does not tell when it is ready; the tool tries again until it is.
+  const auto run = runProgram(toolCommand(url, {"--input", clip, "--duration", "3", "--preset", "superfast",
+                                                "--reconnect-interval", "1", "--reconnect-count", "20"}));
+  EXPECT_EQ(run.status, 0) << run.output << run.errors;
+  ASSERT_TRUE(receiver.waitFor(15s));
+  expectStreams(path);
+  EXPECT_GE(decodedPictures(path), 70U);
+  const std::vector<std::pair<std::string, FlvValue>> expected{
+      {"duration", 0.0},           {"filesize", 0.0},
+      {"width", 1280.0},           {"height", 720.0},
+      {"videocodecid", "avc1"},    {"videodatarate", 1536.0},
+      {"framerate", 24.0},         {"audiocodecid", "mp4a"},
+      {"audiodatarate", 128000.0}, {"audiosamplerate", 48000.0},
+      {"audiosamplesize", 16.0},   {"stereo", false},
+      {"encoder", "ZelLive 1.0"}};
+  EXPECT_EQ(FlvFile(path).metadata(), expected);
+}
+
+}  // namespace
+}  // namespace zellive::test

@@ -1,0 +1,7 @@
+if(NOT TARGET zellive_tool_parts)
+  message(FATAL_ERROR "The end-to-end tests need ZELLIVE_BUILD_TOOL")
+endif()
+find_package(nlohmann_json REQUIRED)
+target_compile_definitions(zellive_e2e_tests PRIVATE ZELLIVE_PROGRAM="$<TARGET_FILE:zellive_tool>")
+target_link_libraries(zellive_e2e_tests PRIVATE zellive_tool_parts nlohmann_json::nlohmann_json)
+add_dependencies(zellive_e2e_tests zellive_tool)
