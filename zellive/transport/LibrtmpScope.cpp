@@ -38,7 +38,7 @@ LogLevel levelFor(int level) {
   return level == RTMP_LOGWARNING ? LogLevel::Warning : LogLevel::Information;
 }
 
-void receiveLog(int level, const char* format, std::va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void receiveLog(int level, const char* format, std::va_list arguments) {
   // A format that is nothing but "%s" is a line of a dump, in which a key could not be masked.
   if (level > RTMP_LogGetLevel() || std::string_view(format) == "%s") {
     return;

@@ -19,8 +19,8 @@ constexpr std::chrono::seconds kStopGrace{1};
 
 /// The kernel's buffer holds about half a second of the stream.
 std::uint32_t sendBufferBytes(const ZelLiveStreamInfo& stream) {
-  constexpr std::uint64_t least = 64 * 1024;
-  constexpr std::uint64_t most = 512 * 1024;
+  constexpr std::uint64_t least = 64ULL * 1024;
+  constexpr std::uint64_t most = 512ULL * 1024;
   const std::uint64_t video = stream.videoConfiguration ? stream.videoConfiguration->videoBitRate() : 0;
   const std::uint64_t audio = stream.audioConfiguration ? stream.audioConfiguration->audioBitRate() : 0;
   return static_cast<std::uint32_t>(std::clamp(video / 16 + audio / 16, least, most));
@@ -113,7 +113,7 @@ void ZelStreamRtmpSocket::streamingBufferCount(ZelStreamingBuffer& /*buffer*/, s
   }
 }
 
-void ZelStreamRtmpSocket::updateStreamInfo(std::shared_ptr<const ZelLiveStreamInfo> info) {
+void ZelStreamRtmpSocket::updateStreamInfo(const std::shared_ptr<const ZelLiveStreamInfo>& info) {
   if (info) {
     ZEL_LOG_INFO("Live: update stream info");
     stream_->setUrl(info->url());

@@ -87,7 +87,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   /// Queues a frame; null is ignored.
   void sendFrame(std::shared_ptr<const ZelFrame> frame);
   /// Takes the URL over for the next attempt to connect; null is ignored.
-  void updateStreamInfo(std::shared_ptr<const ZelLiveStreamInfo> info);
+  void updateStreamInfo(const std::shared_ptr<const ZelLiveStreamInfo>& info);
   /// True once stop() has closed the connection, for an application that is about to end its process; false when that
   /// takes longer than `limit`. Blocks: not for the main queue or a delegate method.
   [[nodiscard]] bool waitUntilStopped(std::chrono::milliseconds limit);
