@@ -17,70 +17,46 @@ using namespace std::chrono_literals;
 /// A monitor without pressure events, over a file that the test writes.
 class MemoryMonitorTest : public testing::Test {
  protected:
-  MemoryMonitorTest() {
-    path_ = std::filesystem::temp_directory_path() / ("zellive-meminfo-" + std::to_string(getpid()));
-    observation_ = manual_.notifications->addObserver(notification::DidReceiveMemoryWarning,
-                                                      [this](const UserInfo&) { ++warnings_; });
-  }
   ~MemoryMonitorTest() override { std::filesystem::remove(path_); }
-
-  void write(const std::string& text) { std::ofstream(path_) << text; }
-  void setAvailable(int kibibytes) {
-    write("MemTotal:  100000 kB\nHugePages_Total:  0\nMemAvailable:  " + std::to_string(kibibytes) + " kB\n");
-  }
   void start() {
     monitor_ = MemoryMonitor::create(manual_.time->mainQueue(), manual_.time, manual_.notifications,
                                      {.pressure = "/does/not/exist", .memoryInfo = path_});
     manual_.runPending();
   }
+  void write(const std::string& text) { std::ofstream(path_) << text; }
+  /// Lets time pass with so much of 100000 kB available.
+  void pass(int kibibytes, std::chrono::seconds duration) {
+    write("MemTotal:  100000 kB\nHugePages_Total:  0\nMemAvailable:  " + std::to_string(kibibytes) + " kB\n");
+    manual_.advance(duration);
+  }
 
   test::ManualPlatform manual_;
   test::LogCapture log_;
-  std::filesystem::path path_;
+  std::string path_ = std::filesystem::temp_directory_path() / ("zellive-meminfo-" + std::to_string(getpid()));
   int warnings_ = 0;
-  NotificationCenter::Observation observation_;
+  NotificationCenter::Observation observation_ = manual_.notifications->addObserver(
+      notification::DidReceiveMemoryWarning, [this](const UserInfo&) { ++warnings_; });
   std::shared_ptr<MemoryMonitor> monitor_;
 };
 
-TEST_F(MemoryMonitorTest, WarnsOnceUntilMemoryHasRecovered) {
-  setAvailable(50000);
+TEST_F(MemoryMonitorTest, WarnsOnceUntilMemoryHasRecoveredAndAtMostOnceInThirtySeconds) {
+  pass(50000, 0s);
   start();
-  manual_.advance(60s);
+  pass(50000, 60s);
   EXPECT_EQ(warnings_, 0);
-  setAvailable(4000);
-  manual_.advance(300s);
+  pass(4000, 300s);
+  pass(6000, 5s);  // More than at the warning, but no recovery.
+  pass(4000, 60s);
   EXPECT_EQ(warnings_, 1);
-  setAvailable(6000);  // More than at the warning, but no recovery.
-  manual_.advance(5s);
-  setAvailable(4000);
-  manual_.advance(60s);
-  EXPECT_EQ(warnings_, 1);
-  setAvailable(20000);
-  manual_.advance(5s);
-  setAvailable(4000);
-  manual_.advance(5s);
-  EXPECT_EQ(warnings_, 2);
-}
-
-TEST_F(MemoryMonitorTest, WarnsAtMostOnceInThirtySeconds) {
-  setAvailable(50000);
-  start();
+  pass(20000, 5s);
   for (int i = 0; i < 4; ++i) {  // Short and well again every 10 s.
-    setAvailable(1000);
-    manual_.advance(5s);
-    setAvailable(50000);
-    manual_.advance(5s);
+    pass(4000, 5s);
+    pass(50000, 5s);
   }
-  EXPECT_EQ(warnings_, 2);
-}
-
-TEST_F(MemoryMonitorTest, EndsWhenItIsDropped) {
-  setAvailable(50000);
-  start();
+  EXPECT_EQ(warnings_, 3);
   monitor_.reset();
-  setAvailable(1000);
-  manual_.advance(60s);
-  EXPECT_EQ(warnings_, 0);
+  pass(1000, 60s);
+  EXPECT_EQ(warnings_, 3);
   EXPECT_EQ(manual_.time->delayedWork(), 0U);
 }
 

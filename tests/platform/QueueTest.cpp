@@ -1,19 +1,23 @@
 #include "zellive/platform/Queue.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/Event.h"
 #include "zellive/platform/linux/AsioQueues.h"
+#include "zellive/platform/linux/Descriptor.h"
 
 namespace zellive {
 namespace {
@@ -22,7 +26,8 @@ using namespace std::chrono_literals;
 using test::Event;
 
 /// Runs `task` on the queue and waits for it.
-void runOn(Queue& queue, const Task& task) {
+void runOn(
+    Queue& queue, const Task& task = [] {}) {
   Event done;
   queue.async([&] {
     task();
@@ -31,63 +36,50 @@ void runOn(Queue& queue, const Task& task) {
   ASSERT_TRUE(done.wait());
 }
 
-/// Keeps a queue from running anything until it is opened.
-class Hold {
- public:
-  explicit Hold(Queue& queue) {
-    queue.async([this] {
-      entered_.set();
-      EXPECT_TRUE(open_.wait());
-    });
-    EXPECT_TRUE(entered_.wait());
-  }
-  void open() { open_.set(); }
-
- private:
-  Event entered_;
-  Event open_;
-};
-
 class QueueTest : public testing::Test {
  protected:
   std::shared_ptr<QueueService> service = makeAsioQueues();
   std::shared_ptr<Queue> queue = service->makeSerialQueue("com.example.queue");
 };
 
+class ReadWatchTest : public QueueTest {
+ protected:
+  ReadWatchTest() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    near = Descriptor(ends[0]);
+    far = Descriptor(ends[1]);
+  }
+  void send(const std::string& text) {
+    ASSERT_EQ(::write(far.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  Descriptor near;
+  Descriptor far;
+};
+
 TEST_F(QueueTest, RunsTasksOneAtATimeInTheOrderOfEachPoster) {
-  constexpr int kPosters = 3;
   constexpr int kTasks = 2000;
-  std::array<int, kPosters> next{};  // Not atomic: only the queue touches it.
+  std::array<int, 3> next{};  // Not atomic: only the queue touches it.
   int outOfOrder = 0;
-  std::vector<std::thread> posters;
-  for (std::size_t poster = 0; poster < kPosters; ++poster) {
+  std::vector<std::jthread> posters;
+  for (std::size_t poster = 0; poster < 3; ++poster) {
     posters.emplace_back([&, poster] {
       for (int i = 0; i < kTasks; ++i) {
         queue->async([&, poster, i] { outOfOrder += next[poster]++ == i ? 0 : 1; });
       }
     });
   }
-  for (auto& thread : posters) {
-    thread.join();
-  }
-  runOn(*queue, [&] { EXPECT_EQ(next, (std::array<int, kPosters>{kTasks, kTasks, kTasks})); });
+  posters.clear();
+  runOn(*queue, [&] { EXPECT_EQ(next, (std::array{kTasks, kTasks, kTasks})); });
   EXPECT_EQ(outOfOrder, 0);
-}
-
-TEST_F(QueueTest, TasksOfTheQueueKeepTheirPlaceAmongTasksOfOthers) {
   // A task posts to its own queue, then has another thread post: the second must not overtake the first.
   std::string order;
-  Event done;
-  queue->async([&] {
+  runOn(*queue, [&] {
     queue->async([&] { order += 'a'; });
     std::thread([&] { queue->async([&] { order += 'b'; }); }).join();
-    queue->async([&] {
-      order += 'c';
-      done.set();
-    });
   });
-  ASSERT_TRUE(done.wait());
-  EXPECT_EQ(order, "abc");
+  runOn(*queue);
+  EXPECT_EQ(order, "ab");
 }
 
 TEST_F(QueueTest, KnowsItsOwnTasks) {
@@ -102,53 +94,31 @@ TEST_F(QueueTest, KnowsItsOwnTasks) {
   runOn(*service->mainQueue(), [&] { EXPECT_TRUE(service->mainQueue()->isCurrent()); });
 }
 
-TEST_F(QueueTest, DelayedWorkRunsInOrderOfTimeAndNotEarly) {
+TEST_F(QueueTest, DelayedWorkRunsInOrderOfTimeAndNotEarlyNorOnceCancelled) {
   std::string order;
   Event done;
   const auto start = std::chrono::steady_clock::now();
-  {
-    Hold hold(*queue);
+  const auto add = [&](char letter) { return [&order, letter] { order += letter; }; };
+  runOn(*queue, [&] {  // Nothing else runs meanwhile.
     queue->after(30ms, [&] {
-      order += 'e';
       EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
-      done.set();
+      queue->after(1ms, [&] { done.set(); });  // Armed anew.
     });
-    queue->after(20ms, [&] { order += 'd'; });
-    queue->after(std::chrono::nanoseconds::max(), [&] { order += '!'; });
-    queue->after(0ms, [&] { order += 'a'; });
-    queue->after(-1h, [&] { order += 'b'; });
-    queue->after(std::chrono::nanoseconds::min(), [&] { order += 'c'; });
+    queue->after(20ms, add('d'));
+    queue->after(std::chrono::nanoseconds::max(), add('!'));
+    queue->after(0ms, add('a'));
+    queue->after(-1h, add('b'));
+    queue->after(std::chrono::nanoseconds::min(), add('c'));
     queue->after(0ms, {});
-    hold.open();
-    ASSERT_TRUE(done.wait());
-  }
-  EXPECT_EQ(order, "abcde");
-}
-
-TEST_F(QueueTest, DelayedWorkOnTheQueueItselfIsArmedAnew) {
-  Event done;
-  int runs = 0;
-  Task again = [&] { ++runs < 5 ? static_cast<void>(queue->after(1ms, again)) : done.set(); };
-  queue->after(1ms, again);
+    auto owned = std::make_shared<int>(0);
+    const std::weak_ptr<int> watched = owned;
+    const auto cancelled = queue->after(0ms, [&order, owned = std::move(owned)] { order += '!'; });
+    cancelled->cancel();
+    EXPECT_TRUE(watched.expired());
+    cancelled->cancel();
+  });
   ASSERT_TRUE(done.wait());
-  runOn(*queue, [&] { EXPECT_EQ(runs, 5); });
-}
-
-TEST_F(QueueTest, CancelledWorkIsDestroyedAndNeverRuns) {
-  Hold hold(*queue);
-  auto owned = std::make_shared<int>(0);
-  const std::weak_ptr<int> watched = owned;
-  bool ran = false;
-  auto cancelled = queue->after(0ms, [&ran, owned = std::move(owned)] { ran = true; });
-  Event done;
-  auto kept = queue->after(1ms, [&] { done.set(); });
-  cancelled->cancel();
-  EXPECT_TRUE(watched.expired());
-  cancelled->cancel();
-  hold.open();
-  ASSERT_TRUE(done.wait());
-  kept->cancel();
-  runOn(*queue, [&] { EXPECT_FALSE(ran); });
+  EXPECT_EQ(order, "abcd");
 }
 
 TEST_F(QueueTest, CancelWorksFromAnyThreadWhileTheTimerFires) {
@@ -166,9 +136,9 @@ TEST_F(QueueTest, CancelWorksFromAnyThreadWhileTheTimerFires) {
     (*handle)->cancel();
   }
   first.join();
-  runOn(*queue, [] {});
+  runOn(*queue);
   const int seen = ran;
-  runOn(*queue, [] {});
+  runOn(*queue);
   EXPECT_EQ(ran, seen);
 }
 
@@ -176,71 +146,45 @@ TEST_F(QueueTest, DestructionRunsPostedTasksAndDropsTheRest) {
   auto owned = std::make_shared<int>(0);
   const std::weak_ptr<int> watched = owned;
   std::atomic<int> ran = 0;
-  auto hold = std::make_unique<Hold>(*queue);
+  Event open;
+  queue->async([&] { EXPECT_TRUE(open.wait()); });
   auto work = queue->after(1h, [owned = std::move(owned), &ran] { ran += 1000; });
   for (int i = 0; i < 100; ++i) {
     queue->async([&] { ++ran; });
   }
-  std::thread opener([&] { hold->open(); });
+  const std::jthread opener([&] { open.set(); });
   queue.reset();
   EXPECT_EQ(ran, 100);
   EXPECT_TRUE(watched.expired());
-  opener.join();
-  work->cancel();  // The handle may outlive its queue.
+  work->cancel();                            // The handle may outlive its queue.
+  (void)service->makeSerialQueue("unused");  // Without a thread.
 }
 
-TEST_F(QueueTest, UnusedQueueIsDestroyedWithoutAThread) {
-  for (int i = 0; i < 50; ++i) {
-    (void)service->makeSerialQueue("unused");
+TEST_F(ReadWatchTest, ATaskDelayedWorkOrAWatchMayDropItsOwnQueue) {
+  send("x");
+  for (const std::string way : {"task", "delayed", "watch"}) {
+    SCOPED_TRACE(way);
+    Event posted;
+    Event dropped;
+    Event ran;
+    auto own = service->makeSerialQueue("own");
+    const auto drop = [&] {
+      EXPECT_TRUE(posted.wait());
+      own.reset();
+      dropped.set();
+    };
+    std::unique_ptr<ReadWatch> watch;
+    if (way == "task") {
+      own->async(drop);
+    } else if (way == "delayed") {
+      own->after(0ms, drop);
+    } else {
+      watch = own->whenReadable(near.get(), drop);
+    }
+    own->async([&] { ran.set(); });
+    posted.set();
+    EXPECT_TRUE(dropped.wait() && ran.wait());
   }
-  auto work = queue->after(1h, [] { FAIL(); });
-  queue.reset();
-}
-
-TEST_F(QueueTest, ItsOwnTaskMayDropTheQueue) {
-  Event done;
-  int after = 0;
-  Event dropped;
-  queue->async([&] {
-    EXPECT_TRUE(dropped.wait());
-    queue.reset();
-    EXPECT_EQ(after, 0);
-  });
-  for (int i = 0; i < 10; ++i) {
-    queue->async([&] { ++after; });
-  }
-  queue->after(0ms, [] {});
-  queue->async([&, guard = std::shared_ptr<void>(nullptr, [&](void*) { done.set(); })] { EXPECT_EQ(after, 10); });
-  dropped.set();
-  ASSERT_TRUE(done.wait());
-}
-
-TEST_F(QueueTest, DelayedWorkAndWatchesMayDropTheQueue) {
-  Event first;
-  {
-    auto holder = std::make_shared<std::shared_ptr<Queue>>(service->makeSerialQueue("delayed"));
-    (*holder)->after(1ms, [&, holder] {
-      holder->reset();
-      first.set();
-    });
-  }
-  EXPECT_TRUE(first.wait());
-
-  std::array<int, 2> pipe{};
-  ASSERT_EQ(::pipe(pipe.data()), 0);
-  Event second;
-  auto watched = service->makeSerialQueue("watched");
-  Event ready;
-  const auto watch = watched->whenReadable(pipe[0], [&] {
-    EXPECT_TRUE(ready.wait());
-    watched.reset();
-    second.set();
-  });
-  ASSERT_EQ(::write(pipe[1], "x", 1), 1);
-  ready.set();
-  EXPECT_TRUE(second.wait());
-  ::close(pipe[0]);
-  ::close(pipe[1]);
 }
 
 TEST_F(QueueTest, QueuesComeAndGoUnderLoad) {
@@ -264,9 +208,6 @@ TEST_F(QueueTest, QueuesComeAndGoUnderLoad) {
 }
 
 TEST_F(QueueTest, ThreadsTakeNoSignalsAndBearTheLabel) {
-  std::array<int, 2> pipe{};
-  ASSERT_EQ(::pipe(pipe.data()), 0);
-  ::close(pipe[0]);
   for (const auto& each : {queue, service->mainQueue(), service->globalQueue()}) {
     runOn(*each, [&] {
       sigset_t blocked;
@@ -275,16 +216,11 @@ TEST_F(QueueTest, ThreadsTakeNoSignalsAndBearTheLabel) {
         EXPECT_EQ(sigismember(&blocked, number), 1) << number;
       }
       EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);  // A crash handler must still see a crash.
-      EXPECT_EQ(::write(pipe[1], "x", 1), -1);
-      EXPECT_EQ(errno, EPIPE);
+      std::array<char, 16> name{};
+      pthread_getname_np(pthread_self(), name.data(), name.size());
+      EXPECT_TRUE(each->label().ends_with(name.data()) && name[0] != 0) << name.data();
     });
   }
-  ::close(pipe[1]);
-  runOn(*queue, [] {
-    std::array<char, 16> name{};
-    pthread_getname_np(pthread_self(), name.data(), name.size());
-    EXPECT_STREQ(name.data(), "m.example.queue");
-  });
   sigset_t own;
   pthread_sigmask(SIG_SETMASK, nullptr, &own);
   EXPECT_EQ(sigismember(&own, SIGINT), 0);  // Starting threads leaves the caller's mask alone.
@@ -294,19 +230,78 @@ TEST_F(QueueTest, GlobalQueueRunsTasksSideBySide) {
   const auto global = service->globalQueue();
   Event first;
   Event second;
-  Event both;
-  global->async([&] {
-    EXPECT_TRUE(global->isCurrent());
-    EXPECT_TRUE(second.wait());
+  global->after(0ms, [&] {
+    EXPECT_TRUE(global->isCurrent() && second.wait());
     first.set();
   });
-  global->after(0ms, [&] {
-    EXPECT_TRUE(global->isCurrent());
+  runOn(*global, [&] {
     second.set();
-    EXPECT_TRUE(first.wait());
-    both.set();
+    EXPECT_TRUE(global->isCurrent() && first.wait());
   });
-  EXPECT_TRUE(both.wait());
+}
+
+TEST_F(ReadWatchTest, TellsEachArrivalAndThePeersEnd) {
+  std::string received;
+  Event first;
+  Event end;
+  std::unique_ptr<ReadWatch> watch;
+  watch = queue->whenReadable(near.get(), [&] {
+    EXPECT_TRUE(queue->isCurrent());
+    char byte = 0;
+    if (::read(near.get(), &byte, 1) == 1) {  // One byte a call: what remains is told again.
+      received += byte;
+      if (received == "abc") {
+        first.set();
+      }
+    } else {
+      watch.reset();  // From its own handler.
+      end.set();
+    }
+  });
+  ASSERT_NE(watch, nullptr);
+  EXPECT_EQ(fcntl(near.get(), F_GETFL) & O_NONBLOCK, 0) << "the descriptor is left as it is";
+  send("abc");
+  ASSERT_TRUE(first.wait());
+  send("de");
+  far = {};
+  ASSERT_TRUE(end.wait());
+  EXPECT_EQ(received, "abcde");
+}
+
+TEST_F(ReadWatchTest, NoCallBeginsOnceDestroyedOnItsQueue) {
+  int calls = 0;
+  Event called;
+  auto owned = std::make_shared<int>(0);
+  const std::weak_ptr<int> watched = owned;
+  std::unique_ptr<ReadWatch> watch = queue->whenReadable(near.get(), [&, owned = std::move(owned)] {
+    if (calls++ == 0) {
+      called.set();
+    }
+  });
+  send("x");  // Never read, so the handler is due all the time.
+  ASSERT_TRUE(called.wait());
+  int atEnd = 0;
+  runOn(*queue, [&] {
+    watch.reset();
+    atEnd = calls;
+  });
+  runOn(*queue);
+  EXPECT_EQ(calls, atEnd);
+  EXPECT_TRUE(watched.expired());
+  near = {};
+  pollfd peer{far.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&peer, 1, 0), 1) << "something of ours keeps the connection open";
+}
+
+TEST_F(ReadWatchTest, RefusesWhatCannotBeWatchedAndMayOutliveItsQueue) {
+  EXPECT_EQ(queue->whenReadable(-1, [] {}), nullptr);
+  EXPECT_EQ(queue->whenReadable(near.get(), {}), nullptr);
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::tmpfile(), &std::fclose);
+  EXPECT_EQ(queue->whenReadable(fileno(file.get()), [] {}), nullptr);
+  auto watch = queue->whenReadable(near.get(), [] {});
+  queue.reset();
+  send("x");
+  watch.reset();
 }
 
 }  // namespace
