@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "zellive/platform/Log.h"
+#include "zellive/transport/ServerMessageCheck.h"
 #include "zellive/transport/TcpDialer.h"
 
 namespace zellive {
@@ -58,10 +59,7 @@ bool LibrtmpConnection::setupURL(const std::string& url, RTMPError* error) {
   if (const std::string wrong = parseRtmpUrl(url, url_); !wrong.empty()) {
     return fail(error, RtmpFailureUrl, wrong);
   }
-  secrets_ = {url.substr(url.find_last_of('/') + 1)};
-  if (const std::size_t query = url.find('?'); query != std::string::npos) {
-    secrets_.push_back(url.substr(query + 1, url.find('/', query) - query - 1));
-  }
+  secrets_ = secretsOf(url, url_);
   if (RTMP_SetupURL(rtmp_.get(), url_.forLibrtmp.data()) == FALSE) {
     return fail(error, RtmpFailureUrl, "the URL cannot be parsed");
   }
@@ -250,6 +248,10 @@ bool LibrtmpConnection::handleChunk(RTMPError* error) {
 }
 
 bool LibrtmpConnection::answer(RTMPPacket& packet, RTMPError* error) {
+  if (!isSafeToDecode(packet.m_packetType, {reinterpret_cast<std::uint8_t*>(packet.m_body), packet.m_nBodySize})) {
+    ZEL_LOG_WARNING("Live: a malformed message of type %d from the server is ignored", packet.m_packetType);
+    return true;
+  }
   if (const auto status = readStatus(*rtmp_, packet); status && status->refuses) {
     const std::string text = maskSecrets(
         status->code + (status->description.empty() ? std::string() : " (" + status->description + ")"), secrets_);

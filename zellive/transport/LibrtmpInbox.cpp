@@ -10,8 +10,11 @@
 namespace zellive {
 namespace {
 
-// Servers send a publisher commands and control messages of some hundred bytes.
-constexpr std::uint32_t kLargestMessage = 1024 * 1024;
+// Servers send a publisher commands and control messages of some hundred bytes. Every chunk of such a message has room
+// in librtmp's buffer, so that it can be gathered whole.
+constexpr std::uint32_t kLargestMessage = 8 * 1024;
+constexpr std::uint32_t kLargestHeader = 3 + 11 + 4;
+static_assert(kLargestHeader + kLargestMessage < sizeof RTMPSockBuf::sb_buf);
 constexpr std::uint32_t kExtended = 0xFFFFFF;
 
 std::uint32_t number24(const std::uint8_t* bytes) {
@@ -38,14 +41,11 @@ std::string textOf(AMFObject* object, const char* name) {
 bool answersOurCommand(const RTMP& rtmp, double transaction) {
   return std::any_of(rtmp.m_methodCalls, rtmp.m_methodCalls + rtmp.m_numCalls, [&](const RTMP_METHOD& call) {
     const std::string name = textOf(call.name);
-    return call.num == static_cast<int>(transaction) &&
-           (name == "connect" || name == "createStream" || name == "publish");
+    return call.num == transaction && (name == "connect" || name == "createStream" || name == "publish");
   });
 }
 
 }  // namespace
-
-bool LibrtmpInbox::encrypted() const { return (rtmp_.Link.protocol & RTMP_FEATURE_ENC) != 0; }
 
 LibrtmpInbox::Fill LibrtmpInbox::fill() {
   RTMPSockBuf& buffer = rtmp_.m_sb;
@@ -65,9 +65,6 @@ LibrtmpInbox::Chunk LibrtmpInbox::look() const {
   const auto size = static_cast<std::uint32_t>(rtmp_.m_sb.sb_size);
   if (size == 0) {
     return Chunk::Part;
-  }
-  if (encrypted()) {
-    return Chunk::Whole;  // Nothing can be seen from outside; librtmp's own time limit has to do.
   }
   constexpr std::array<std::uint32_t, 4> kHeaderSizes{11, 7, 3, 0};
   const unsigned format = bytes[0] >> 6;
@@ -93,8 +90,7 @@ LibrtmpInbox::Chunk LibrtmpInbox::look() const {
   }
   needed += timestamp == kExtended ? 4 : 0;
   needed += std::min(length - std::min(present, length), static_cast<std::uint32_t>(rtmp_.m_inChunkSize));
-  // A chunk beyond the buffer cannot be gathered: librtmp waits for its end.
-  return size >= std::min<std::uint32_t>(needed, sizeof rtmp_.m_sb.sb_buf - 1) ? Chunk::Whole : Chunk::Part;
+  return size >= needed ? Chunk::Whole : Chunk::Part;
 }
 
 bool LibrtmpInbox::read(RTMPPacket& packet) { return RTMP_ReadPacket(&rtmp_, &packet) != FALSE; }

@@ -28,8 +28,6 @@ class LibrtmpInbox {
   bool read(RTMPPacket& packet);
 
  private:
-  [[nodiscard]] bool encrypted() const;
-
   RTMP& rtmp_;
 };
 

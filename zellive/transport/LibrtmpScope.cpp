@@ -3,6 +3,7 @@
 #include <librtmp/log.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdarg>
@@ -17,6 +18,8 @@ namespace zellive {
 namespace {
 
 constexpr std::size_t kShortestSecret = 4;
+/// So much of the beginning of a secret is masked too: librtmp cuts long texts short.
+constexpr std::size_t kTellingPart = 16;
 constexpr int kLevels = 7;
 
 thread_local const Secrets* secretsInForce = nullptr;
@@ -62,8 +65,10 @@ std::string maskSecrets(std::string text, const Secrets& secrets) {
     if (secret.size() < kShortestSecret) {
       continue;
     }
-    for (std::size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + mask.size())) {
-      text.replace(at, secret.size(), mask);
+    const auto begin = std::string_view(secret).substr(0, kTellingPart);
+    for (std::size_t at = text.find(begin); at != std::string::npos; at = text.find(begin, at + mask.size())) {
+      const auto from = text.begin() + static_cast<std::ptrdiff_t>(at);
+      text.replace(from, std::mismatch(from, text.end(), secret.begin(), secret.end()).first, mask);
     }
   }
   return text;

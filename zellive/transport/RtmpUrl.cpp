@@ -18,7 +18,7 @@ struct Scheme {
   std::uint16_t port;
   bool tls;
 };
-constexpr std::array kSchemes{Scheme{"rtmp", 1935, false}, Scheme{"rtmpe", 1935, false}, Scheme{"rtmps", 443, true}};
+constexpr std::array kSchemes{Scheme{"rtmp", 1935, false}, Scheme{"rtmps", 443, true}};
 
 bool isPrintable(char c) { return c > ' ' && c < 0x7F; }
 
@@ -93,6 +93,21 @@ std::string parseRtmpUrl(const std::string& text, RtmpUrl& url) {
   url.librtmpPath = url.forLibrtmp.size();
   url.forLibrtmp += all.substr(url.path);
   return {};
+}
+
+std::vector<std::string> secretsOf(const std::string& text, const RtmpUrl& url) {
+  std::vector<std::string> secrets;
+  const std::size_t query = std::min(text.find('?', url.path), text.size());
+  if (const std::size_t name = text.rfind('/', query); name != std::string::npos && name > url.path) {
+    secrets.push_back(text.substr(name + 1));
+    secrets.push_back(text.substr(name + 1, query - name - 1));
+  }
+  if (query < text.size()) {
+    secrets.push_back(text.substr(query + 1));
+    secrets.push_back(text.substr(query + 1, text.find('/', query) - query - 1));
+  }
+  secrets.push_back(text.substr(text.find_last_of('/') + 1));
+  return secrets;
 }
 
 }  // namespace zellive
