@@ -157,12 +157,18 @@ bool LibrtmpConnection::handshake(RTMPError* error) {
   if (url_.tls) {
     ZEL_LOG_WARNING("Live: rtmps: the server's certificate is not verified");
   }
+  const auto start = Clock::now();
   if (RTMP_Connect1(rtmp_.get(), nullptr) == FALSE) {
-    return rtmp_->m_sb.sb_timedout != FALSE
-               ? fail(error, RtmpFailureTimeout,
-                      "the server accepted the connection and then said nothing for " +
-                          inSeconds(options_.receiveLimit) + ": is it an RTMP server?")
-               : fail(error, RtmpFailureHandshake, "the server closed the connection during the handshake");
+    // librtmp does not tell a secure connection that is refused from one that is not answered.
+    const bool silent = rtmp_->m_sb.sb_timedout != FALSE || (url_.tls && Clock::now() - start >= options_.receiveLimit);
+    if (silent) {
+      return fail(error, RtmpFailureTimeout,
+                  "the server accepted the connection and then said nothing for " + inSeconds(options_.receiveLimit) +
+                      ": is it an RTMP server?");
+    }
+    return fail(error, RtmpFailureHandshake,
+                url_.tls ? "the server did not agree to a secure connection, or closed it during the handshake"
+                         : "the server closed the connection during the handshake");
   }
   return announceChunkSize() || fail(error, RtmpFailureSend, "the connection broke during the handshake");
 }
