@@ -172,15 +172,22 @@ TEST_F(Faults, ASilentServerIsGivenUpAfterTheReceiveLimit) {
   WireServer server({.fault = WireFault::Silent});
   auto limits = brief();
   limits.setupLimit = 20s;
-  publish(server.url(), limits);
-  ASSERT_TRUE(reports->waitFor("url"));
-  EXPECT_EQ(log->count(LogLevel::Error, "said nothing for 1 s: is it an RTMP server?"), 1U);
+  const std::string address = server.url().substr(server.url().find(':'));
+  for (const std::string scheme : {"rtmp", "rtmps"}) {
+    publish(scheme + address, limits);
+    ASSERT_TRUE(reports->waitFor("url"));
+    EXPECT_EQ(log->count(LogLevel::Error, "said nothing for 1 s: is it an RTMP server?"), 1U) << scheme;
+    socket.reset();
+    log = nullptr;
+    log = std::make_unique<LogCapture>();
+  }
 }
 
 TEST_F(Faults, HostsThatCannotBeReached) {
   std::uint16_t closedPort = 0;
   { closedPort = WireServer().port(); }
   const BlackHole hole;
+  const WireServer plain;
   struct Case {
     std::string url;
     const char* reason;
@@ -188,6 +195,7 @@ TEST_F(Faults, HostsThatCannotBeReached) {
   const std::vector<Case> cases{
       {"rtmp://127.0.0.1:" + std::to_string(closedPort) + "/live/key", "error -3 message cannot connect to 127.0.0.1"},
       {"rtmp://127.0.0.1:" + std::to_string(hole.port) + "/live/key", "timed out"},
+      {"rtmps://127.0.0.1:" + std::to_string(plain.port()) + "/live/key", "did not agree to a secure connection"},
       {"rtmp://host.invalid/live/key", "error -2 message cannot find the host host.invalid"},
       {"rtmp://127.0.0.1/nothing", "error -1 message the URL names no application and stream"},
   };

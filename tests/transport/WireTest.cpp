@@ -324,7 +324,15 @@ TEST(Wire, BreaksOffWhenTheServerSendsWhatIsNotRtmp) {
   Bytes cutShort{2, 0, 0, 0, 0, 1, 0, 4, 0, 0, 0, 0};
   cutShort.resize(cutShort.size() + 128);
   cutShort = join(cutShort, {2, 0, 0, 0, 0, 2, 0, 4, 0, 0, 0, 0});
+  Bytes deep{3, 0, 0, 0, 0x03, 0xD0, 0x90, 20, 0, 0, 0, 0};  // 250,000 bytes, in chunks that follow one another.
+  for (std::size_t at = 0; at < 250'000; at += 128) {
+    for (std::size_t i = at; i < std::min<std::size_t>(at + 128, 250'000); ++i) {
+      deep.push_back(Bytes{2, 0, 1, 'x', 3, 0, 1, 'a'}[i < 4 ? i : 4 + i % 4]);
+    }
+    deep.push_back(0xC3);
+  }
   const std::vector<std::pair<const char*, Bytes>> cases{
+      {"objects in objects, 60,000 deep", deep},
       {"a message of 2 MB", {2, 0, 0, 0, 0x20, 0, 0, 4, 0, 0, 0, 0}},
       {"a message inside another", cutShort},
       {"a short header with nothing before it", {0xC0 | 33}},
