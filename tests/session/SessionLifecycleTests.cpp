@@ -42,6 +42,7 @@ TEST_F(SessionTest, RefusesATypeWhoseConfigurationIsMissing) {
 
 TEST_F(SessionTest, StartsOnceAndOnlyWithAStream) {
   make(kPushed);
+  info->videoConfiguration = nullptr;
   session->startLive(nullptr);
   EXPECT_EQ(session->streamInfo(), nullptr);
   session->startLive(info);
@@ -49,6 +50,7 @@ TEST_F(SessionTest, StartsOnceAndOnlyWithAStream) {
   session->startLive(std::make_shared<ZelLiveStreamInfo>());
   EXPECT_EQ(session->publisher, publisher);
   EXPECT_EQ(session->streamInfo(), info);
+  EXPECT_EQ(info->videoConfiguration, video);
 }
 
 TEST_F(SessionTest, OnlyTheFirstConnectionResetsTheClock) {

@@ -99,6 +99,12 @@ void ZelLiveSession::startLive(std::shared_ptr<ZelLiveStreamInfo> streamInfo) {
       ZEL_LOG_WARNING("Live: this session has %s; a new run needs a new session", spent_ ? "ended" : "started already");
       return;
     }
+    if (!streamInfo->audioConfiguration) {
+      streamInfo->audioConfiguration = stages_.audioConfiguration;
+    }
+    if (!streamInfo->videoConfiguration) {
+      streamInfo->videoConfiguration = stages_.videoConfiguration;
+    }
     stages_.streamInfo = streamInfo;
   }
   auto publisher = makeSocket(std::move(streamInfo));

@@ -71,7 +71,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
 
   // ---- Control
 
-  /// Opens the stream. Null, a second call and a spent session do nothing.
+  /// Opens the stream. Null, a second call and a spent session do nothing. A configuration that `streamInfo` lacks is
+  /// filled in from the session's.
   void startLive(std::shared_ptr<ZelLiveStreamInfo> streamInfo);
   /// Ends the stream, reporting it to the live-room service as suspended. The session is spent.
   void suspendLive();
