@@ -79,8 +79,12 @@ std::vector<double> offsets(const std::string& path) {
                                  "crop=iw/4:ih/8:iw*3/8:ih/5,blackdetect=d=0.1:pic_th=0.9:pix_th=0.85", "-af",
                                  "silencedetect=noise=-24dB:d=0.3", "-f", "null", "-"});
   const auto beeps = timesAfter(found.errors, "silence_end: ");
+  auto flashes = timesAfter(found.errors, "black_end:");
+  if (!flashes.empty()) {
+    flashes.pop_back();  // Where the recording ends, the dark does too.
+  }
   std::vector<double> differences;
-  for (const double flash : timesAfter(found.errors, "black_end:")) {
+  for (const double flash : flashes) {
     const auto beep = std::min_element(beeps.begin(), beeps.end(), [&](double one, double other) {
       return std::abs(one - flash) < std::abs(other - flash);
     });
