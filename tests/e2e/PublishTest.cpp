@@ -79,7 +79,8 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
     sounds.push_back(tag.timestamp);
   }
   expectSpacing(sounds, 1024 / 48.0, "sound");
-  EXPECT_NEAR(pictures.front(), sounds.front(), 100);
+  // A slow machine takes a moment for its first picture; a lost opening key frame would cost two seconds.
+  EXPECT_NEAR(pictures.front(), sounds.front(), 500);
   EXPECT_GE(std::min(pictures.back(), sounds.back()), 8950);
 }
 

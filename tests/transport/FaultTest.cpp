@@ -263,7 +263,7 @@ TEST(HostResolver, GivesUpWithoutWaitingForTheNameService) {
   thrown.throwSwitch(AbortSwitch::State::Aborted);
   EXPECT_EQ(resolveHost("localhost", 80, 60s, thrown).failure, "given up");
   const AbortSwitch open;
-  EXPECT_FALSE(resolveHost("localhost", 80, 60s, open).addresses.empty());
+  EXPECT_FALSE(resolveHost("127.0.0.1", 80, 60s, open).addresses.empty());
   EXPECT_EQ(resolveHost("::1", 80, 0s, open).addresses.size(), 1U) << "an address needs no name service";
 }
 
