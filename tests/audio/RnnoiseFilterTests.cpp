@@ -77,34 +77,27 @@ std::vector<float> plainly(const Samples& samples, float floor) {
   return out;
 }
 
-TEST(RnnoiseFilter, NoiseFallsByWhatTheLevelAllows) {
+TEST(RnnoiseFilter, NoiseFallsByWhatTheLevelAllowsAndVoiceSurvives) {
   const Samples noise = rumble(3, 300);
-  // dB; the high-pass in front of the network takes up to 1 dB of its own.
+  const Samples clean = voice(3, 9000);
+  Samples mixed = noise;
+  std::transform(mixed.begin(), mixed.end(), clean.begin(), mixed.begin(), std::plus<>());
+  const auto decibels = [](const Samples& numerator, const Samples& denominator, std::size_t from, std::size_t count) {
+    return 20 * std::log10(rms(std::span(numerator).subspan(from, count)) /
+                           rms(std::span(denominator).subspan(from, count)));
+  };
+  // The high-pass in front of the network takes up to 1 dB of its own.
   for (const auto& [level, least, most] : {std::tuple{1U, 18.0, 21.5}, {2U, 38.0, 41.5}, {3U, 44.0, 61.5}}) {
     ZelLiveRnnoiseFilter filter;
     filter.setDenoiseLevel(level);
-    const Samples out = processed(filter, noise);
-    const double left = rms(std::span(out).subspan(kRate)) / rms(std::span(noise).subspan(kRate));
-    EXPECT_GT(-20 * std::log10(left), least) << "level " << level;
-    EXPECT_LT(-20 * std::log10(left), most) << "level " << level;
+    const double attenuation = -decibels(processed(filter, noise), noise, kRate, 2 * kRate);
+    EXPECT_TRUE(least < attenuation && attenuation < most) << "level " << level << ": " << attenuation;
     EXPECT_LT(filter.vadRatio(), 0.3F);
-  }
-}
-
-TEST(RnnoiseFilter, VoiceSurvivesAndNoiseInItsPausesDoesNot) {
-  const Samples clean = voice(3, 9000);
-  Samples mixed = rumble(3, 300);
-  std::ranges::transform(mixed, clean, mixed.begin(), std::plus<>());
-  for (std::uint32_t level = 1; level <= 3; ++level) {
-    ZelLiveRnnoiseFilter filter;
-    filter.setDenoiseLevel(level);
     const Samples out = processed(filter, mixed);
-    const double kept = rms(std::span(out).subspan(kRate)) / rms(std::span(clean).subspan(kRate));
-    EXPECT_NEAR(20 * std::log10(kept), 0, 2) << "level " << level;
+    EXPECT_NEAR(decibels(out, clean, kRate, 2 * kRate), 0, 2) << "level " << level;
     // The tenth of a second in the middle of each pause, once the network has settled.
     for (std::size_t pause = kRate * 145 / 100; pause < kRate * 27 / 10; pause += kRate * 2 / 5) {
-      const auto part = [pause](const Samples& all) { return rms(std::span(all).subspan(pause, kRate / 10)); };
-      EXPECT_LT(part(out), 0.3 * part(mixed)) << "level " << level << " at sample " << pause;
+      EXPECT_LT(decibels(out, mixed, pause, kRate / 10), -10) << "level " << level << " at sample " << pause;
     }
   }
 }
@@ -152,16 +145,6 @@ TEST(RnnoiseFilter, LoudResultsWrapAround) {
     ASSERT_EQ(out[i], static_cast<std::int16_t>(whole - 65536 * std::floor((whole + 32768) / 65536))) << whole;
   }
   EXPECT_GT(beyond, 100);
-}
-
-TEST(RnnoiseParameter, OnlyFloorsFromAMillionthToOneAreTaken) {
-  const Samples noise = rumble(1, 3000);
-  const auto smallest = plainly(noise, 1e-6F);
-  for (const float refused : {-1.0F, 1.0001F, 9e-7F, std::nanf(""), HUGE_VALF}) {
-    EXPECT_TRUE(plainly(noise, refused) == smallest) << refused;
-  }
-  EXPECT_FALSE(plainly(noise, 1e-2F) == smallest);
-  EXPECT_FALSE(plainly(noise, 0) == plainly(noise, 1));
 }
 
 }  // namespace

@@ -84,7 +84,7 @@ TEST_F(ZelHardwareAudioEncoderTest, EachUnitDecodesToItsChunkAndBearsTheStampOfT
     for (std::size_t unit = 0; unit < std::min<std::size_t>(frames.size(), 100); ++unit) {
       ASSERT_EQ(frames[unit]->timestamp, stamps[unit]) << unit;
       EXPECT_EQ(frames[unit]->audioInfo.bytes(), frames[0]->audioInfo.bytes()) << "shared by all";
-      const auto decoded = decoder.decode(frames[unit]->data.span());
+      const auto decoded = decoder.decode(frames[unit]->data);
       ASSERT_TRUE(decoded && decoded->ch_layout.nb_channels == static_cast<int>(channels));
       // The first unit has no predecessor to overlap with.
       for (std::size_t channel = 0; unit > 0 && channel < channels; ++channel) {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
+#include <random>
 #include <span>
 #include <vector>
 
@@ -12,24 +15,105 @@ namespace zellive::test {
 using Bytes = std::vector<std::uint8_t>;
 inline Bytes bytesOf(const Data& data) { return {data.span().begin(), data.span().end()}; }
 
-/// A still scene of smooth colours by the formulas of ITU-R BT.601, in the given format.
-std::shared_ptr<PixelBuffer> colourScene(PixelFormat format, int width, int height);
-/// How far a decoded picture is from that scene drawn at `width` × `height`: the mean difference of its worst component
-/// in steps of 8 bits.
-double differenceFromScene(const AVFrame& frame, int width, int height);
-/// Picture `index` of a restless scene, costly at any bit rate.
-std::shared_ptr<PixelBuffer> restlessScene(int width, int height, int index);
+/// A still scene of smooth colours by the formulas of ITU-R BT.601: Y, Cb or Cr at a sample of a plane, or B, G, R, A.
+inline double sceneAt(PixelFormat format, int component, int column, int row, int width, int height) {
+  const double step = component == 0 || format == PixelFormat::BGRA ? 1 : 2;
+  const double x = (column + 0.5) * step / width;
+  const double y = (row + 0.5) * step / height;
+  const double colours[] = {0.95 - 0.8 * x * y, 0.05 + 0.9 * y, 0.05 + 0.9 * x, 1};
+  if (format == PixelFormat::BGRA) {
+    return 255 * colours[component];
+  }
+  const auto& [blue, green, red, alpha] = colours;
+  const bool full = format == PixelFormat::BiPlanarFullRange;
+  const double luma = 0.299 * red + 0.587 * green + 0.114 * blue;
+  const double chroma = component == 1 ? (blue - luma) / 1.772 : (red - luma) / 1.402;
+  return component == 0 ? (full ? 255 * luma : 16 + 219 * luma) : 128 + (full ? 255 : 224) * chroma;
+}
 
-/// The type of each NAL unit of a sample.
-std::vector<int> nalTypes(const VideoSample& sample);
+std::shared_ptr<PixelBuffer> draw(PixelFormat format, int width, int height, const auto& valueAt) {
+  auto picture = PixelBuffer::create(format, static_cast<std::size_t>(width), static_cast<std::size_t>(height));
+  for (std::size_t index = 0; index < picture->planeCount(); ++index) {
+    const auto& plane = picture->plane(index);
+    const int samples = format == PixelFormat::BGRA ? 4 : format != PixelFormat::Planar && index == 1 ? 2 : 1;
+    for (int row = 0; row < static_cast<int>(plane.height); ++row) {
+      auto* bytes = plane.base + static_cast<std::size_t>(row) * plane.bytesPerRow;
+      for (int at = 0; at < static_cast<int>(plane.width) * samples; ++at) {
+        const double value = valueAt(static_cast<int>(index) + at % samples, at / samples, row);
+        bytes[at] = static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0, 255.0)));
+      }
+    }
+  }
+  return picture;
+}
+
+inline std::shared_ptr<PixelBuffer> colourScene(PixelFormat format, int width, int height) {
+  return draw(format, width, height, [&](int component, int column, int row) {
+    return sceneAt(format, component, column, row, width, height);
+  });
+}
+
+/// How far a decoded picture is from the colour scene drawn at `width` × `height`: the mean difference of its worst
+/// component in steps of 8 bits.
+inline double differenceFromScene(const AVFrame& frame, int width, int height) {
+  const bool full = frame.color_range == AVCOL_RANGE_JPEG;
+  const auto format = full ? PixelFormat::BiPlanarFullRange : PixelFormat::BiPlanarVideoRange;
+  double worst = 0;
+  for (const int component : {0, 1, 2}) {
+    const int columns = frame.width / (component == 0 ? 1 : 2);
+    const int rows = frame.height / (component == 0 ? 1 : 2);
+    double sum = 0;
+    for (int at = 0; at < columns * rows; ++at) {
+      const auto* bytes = frame.data[component] + at / columns * frame.linesize[component];
+      sum += std::abs(sceneAt(format, component, at % columns, at / columns, width, height) - bytes[at % columns]);
+    }
+    worst = std::max(worst, sum / (columns * rows));
+  }
+  return worst;
+}
+
+/// Picture `index` of a restless scene, costly at any bit rate.
+inline std::shared_ptr<PixelBuffer> restlessScene(int width, int height, int index) {
+  std::mt19937 random(static_cast<unsigned>(index));
+  return draw(PixelFormat::Planar, width, height, [&](int component, int column, int row) {
+    const int square = ((column + index * 5) / 8 + row / 8) % 5;
+    return component == 0 ? 60.0 + square * 30 + static_cast<double>(random() % 40) : 128.0;
+  });
+}
 
 /// Decodes packet by packet, as a strict viewer would.
 class Decoder {
  public:
-  explicit Decoder(AVCodecID id, std::span<const std::uint8_t> extradata = {});
+  Decoder(AVCodecID id, std::span<const std::uint8_t> extradata)
+      : context_(avcodec_alloc_context3(avcodec_find_decoder(id))) {
+    context_->thread_count = 1;
+    context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    context_->err_recognition = AV_EF_EXPLODE;
+    context_->extradata = static_cast<std::uint8_t*>(av_mallocz(extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    context_->extradata_size = static_cast<int>(extradata.size());
+    std::ranges::copy(extradata, context_->extradata);
+    avcodec_open2(context_.get(), nullptr, nullptr);
+  }
+  /// For the stream that begins with this sample: an AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1).
+  static Decoder h264(const VideoSample& first) {
+    Bytes record{1, 100, 0, 40, 0xFF};
+    for (const Data& set : {first.sps, first.pps}) {
+      const std::uint8_t count = record.size() == 5 ? 0xE1 : 1;
+      record.insert(record.end(), {count, 0, static_cast<std::uint8_t>(set.length())});
+      record.insert(record.end(), set.span().begin(), set.span().end());
+    }
+    return {AV_CODEC_ID_H264, record};
+  }
   /// What one packet gives at once; null when the decoder gives nothing or complains.
-  ffmpeg::FramePtr decode(std::span<const std::uint8_t> packet);
-  ffmpeg::FramePtr decode(const VideoSample& sample);
+  ffmpeg::FramePtr decode(const Data& bytes) {
+    const ffmpeg::PacketPtr packet(av_packet_alloc());
+    av_new_packet(packet.get(), static_cast<int>(bytes.length()));
+    std::ranges::copy(bytes.span(), packet->data);
+    ffmpeg::FramePtr frame(av_frame_alloc());
+    const bool decoded = avcodec_send_packet(context_.get(), packet.get()) == 0 &&
+                         avcodec_receive_frame(context_.get(), frame.get()) == 0;
+    return decoded ? std::move(frame) : nullptr;
+  }
   [[nodiscard]] const AVCodecContext& context() const { return *context_; }
 
  private:

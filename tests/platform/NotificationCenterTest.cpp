@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "tests/support/Event.h"
 
 namespace zellive {
 namespace {
@@ -54,24 +54,18 @@ TEST(NotificationCenter, HandlersMayChangeOrDestroyTheCentreThatCallsThem) {
 
 TEST(NotificationCenter, PostsRaceWithObserversThatComeAndGo) {
   NotificationCenter center;
-  std::atomic<int> calls = 0;
-  std::atomic<bool> done = false;
+  int calls = 0;
   const auto constant = center.addObserver("name", [&](const UserInfo&) { ++calls; });
-  std::vector<std::jthread> observers;
-  for (int i = 0; i < 2; ++i) {
-    observers.emplace_back([&] {
-      while (!done) {
-        // The handler owns memory that only lives as long as the centre holds the handler.
-        auto owned = std::make_shared<int>(0);
-        const auto observation = center.addObserver("name", [owned](const UserInfo&) { (void)owned.use_count(); });
-      }
-    });
-  }
-  for (int i = 0; i < 2000; ++i) {
-    center.post("name");
-  }
-  done = true;
-  observers.clear();
+  const auto observe = [&] {
+    // The handler owns memory that only lives as long as the centre holds the handler.
+    auto owned = std::make_shared<int>(0);
+    const auto observation = center.addObserver("name", [owned](const UserInfo&) { (void)owned.use_count(); });
+  };
+  test::whileMeddling(observe, [&] {
+    for (int i = 0; i < 2000; ++i) {
+      center.post("name");
+    }
+  });
   EXPECT_EQ(calls, 2000);
 }
 

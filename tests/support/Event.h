@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace zellive::test {
 
@@ -31,5 +33,15 @@ class Event {
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };
+
+/// Does `meddle` over and over on another thread until `work` has returned on this one.
+inline void whileMeddling(const std::function<void()>& meddle, const std::function<void()>& work) {
+  const std::jthread meddler([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      meddle();
+    }
+  });
+  work();
+}
 
 }  // namespace zellive::test
