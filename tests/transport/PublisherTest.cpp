@@ -263,6 +263,19 @@ TEST_F(Publisher, AFailedSendLeadsToANewConnectionWithNewHeaders) {
   EXPECT_EQ(rtmp.sent[3].timestamp, 7U);
 }
 
+TEST_F(Publisher, AConnectionThatBreaksAtOnceCostsNoFrame) {
+  make();
+  fillSorter();
+  rtmp.sendResult = 0;
+  socket->start();
+  send({video(1), audio(2)});
+  EXPECT_TRUE(rtmp.media().empty());
+  EXPECT_EQ(log.count("Live: send packet error"), 0U);
+  rtmp.sendResult = 1;
+  EXPECT_EQ(eventsAfter(5s).back(), "status 2");
+  EXPECT_EQ(rtmp.media().size(), 2U);
+}
+
 TEST_F(Publisher, FollowsTheNetwork) {
   const auto network = [&](ReachabilityStatus status) { manual.reachability->setNetworkReachabilityStatus(status); };
   make();

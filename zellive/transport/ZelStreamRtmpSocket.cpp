@@ -156,7 +156,7 @@ int ZelStreamRtmpSocket::RTMP264_Connect(const std::string& url) {
   }
   reportStatus(ZelStreamSocketStatusConnected);
   sendMetaData();
-  isConnected_ = true;
+  isConnected_ = rtmp_->connection->isConnected();  // It may have broken again, which has been reported by then.
   isSending_ = false;
   isConnecting_ = false;
   isReconnecting_ = false;
