@@ -6,8 +6,6 @@ namespace zellive::tool {
 namespace {
 
 constexpr std::int64_t blockSamples = 1024;
-/// A third of a second at 24 pictures per second.
-constexpr std::size_t waitingLimit = 8;
 
 std::span<const std::uint8_t> bytesOf(std::span<const std::int16_t> samples) {
   return {reinterpret_cast<const std::uint8_t*>(samples.data()), samples.size_bytes()};
@@ -16,9 +14,12 @@ std::span<const std::uint8_t> bytesOf(std::span<const std::int16_t> samples) {
 }  // namespace
 
 MediaFeed::MediaFeed(MediaSource& source, MediaSink& sink, std::uint64_t framesPerSecond)
-    : source_(source), sink_(sink), framesPerSecond_(static_cast<std::int64_t>(framesPerSecond)) {
+    : source_(source),
+      sink_(sink),
+      framesPerSecond_(static_cast<std::int64_t>(framesPerSecond)),
+      waitingLimit_(std::max<std::size_t>(3, framesPerSecond / 6)) {
   block_.reserve(blockSamples);
-  waiting_.reserve(waitingLimit);
+  waiting_.reserve(waitingLimit_);
 }
 
 std::int64_t MediaFeed::pictureSample() const { return pictures_ * sampleRate / framesPerSecond_ + soundDelay; }
@@ -50,7 +51,7 @@ bool MediaFeed::step() {
 void MediaFeed::pushPicture(std::shared_ptr<PixelBuffer> picture) {
   // An expired reference would keep its picture from being recycled.
   std::erase_if(waiting_, [&](const auto& held) { return held.expired() || held.lock() == picture; });
-  if (waiting_.size() >= waitingLimit) {
+  if (waiting_.size() >= waitingLimit_) {
     ++skipped_;
     return;
   }

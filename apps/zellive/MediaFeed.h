@@ -50,6 +50,8 @@ class MediaFeed {
   MediaSource& source_;
   MediaSink& sink_;
   const std::int64_t framesPerSecond_;
+  /// A sixth of a second: less than the session waits before it drops pictures itself, so that they are counted here.
+  const std::size_t waitingLimit_;
   std::int64_t position_ = 0;
   std::int64_t pictures_ = 0;
   std::int64_t skipped_ = 0;

@@ -29,7 +29,7 @@ class EagerSink : public MediaSink, public ZelLiveSessionDelegate {
   void pushVideo(std::shared_ptr<PixelBuffer> picture) override {
     {
       std::unique_lock lock(gate_->mutex);
-      ASSERT_TRUE(gate_->changed.wait_for(lock, 30s, [this] { return gate_->waiting < 4; })) << "the encoder is stuck";
+      ASSERT_TRUE(gate_->changed.wait_for(lock, 30s, [this] { return gate_->waiting < 2; })) << "the encoder is stuck";
       ++gate_->waiting;
     }
     const auto width = picture->width();
