@@ -117,6 +117,11 @@ struct WireServer::Client {
     write(out);
   }
 
+  void reset() {
+    const sockaddr nobody{AF_UNSPEC, {}};
+    (void)::connect(descriptor, &nobody, sizeof nobody);
+  }
+
   void handshake(WireFault fault);
   /// The next whole message.
   WireMessage nextMessage();
@@ -348,6 +353,9 @@ void WireServer::serve(Client& client) {
     note();
     Bytes answer;
     if (name == "connect") {
+      if (fault == WireFault::ResetAfterConnect) {
+        add(client.nextMessage());  // The chunk size, which the client sends before it waits for the answer.
+      }
       const bool refuse = fault == WireFault::RefuseConnect;
       putString(answer, refuse ? "_error" : "_result");
       putNumber(answer, transaction);
@@ -355,6 +363,10 @@ void WireServer::serve(Client& client) {
       putInfo(answer, refuse ? "error" : "status",
               refuse ? "NetConnection.Connect.Rejected" : "NetConnection.Connect.Success");
       client.writeMessage(3, 20, 0, answer);
+      if (fault == WireFault::ResetAfterConnect) {
+        client.reset();
+        throw ConnectionOver("as the test wants");
+      }
     } else if (name == "createStream") {
       if (fault == WireFault::CloseAfterConnect) {
         throw ConnectionOver("as the test wants");

@@ -33,6 +33,7 @@ enum class WireFault {
   Garbage,             ///< Answers the handshake with noise.
   Drip,                ///< Answers the handshake a byte at a time, for ever.
   CloseInHandshake,    ///< Closes after the client's first bytes.
+  ResetAfterConnect,   ///< Answers connect and resets the connection in the same breath.
   CloseAfterConnect,   ///< Closes when the client asks for a stream.
   SilentAfterConnect,  ///< Answers connect, then nothing more.
   RefuseConnect,       ///< NetConnection.Connect.Rejected.

@@ -128,6 +128,7 @@ TEST_F(Faults, EachEndsInAReasonAndInAnotherAttempt) {
       {WireFault::Drip, RtmpFailureTimeout, "RTMP_Connect", "did not take the stream within 1 s"},
       {WireFault::CloseInHandshake, RtmpFailureHandshake, "RTMP_Connect", "closed the connection during the handshake"},
       {WireFault::Garbage, RtmpFailureProtocol, "RTMP_ConnectStream", "does not speak RTMP"},
+      {WireFault::ResetAfterConnect, RtmpFailureClosed, "RTMP_ConnectStream", "message the server "},
       {WireFault::CloseAfterConnect, RtmpFailureClosed, "RTMP_ConnectStream", "closed the connection while opening"},
       {WireFault::SilentAfterConnect, RtmpFailureTimeout, "RTMP_ConnectStream", "did not take the stream within 1 s"},
       {WireFault::RefuseConnect, RtmpFailureRefused, "RTMP_ConnectStream",

@@ -63,11 +63,14 @@ bool LibrtmpConnection::setupURL(const std::string& url, RTMPError* error) {
   if (RTMP_SetupURL(rtmp_.get(), url_.forLibrtmp.data()) == FALSE) {
     return fail(error, RtmpFailureUrl, "the URL cannot be parsed");
   }
-  const auto& link = rtmp_->Link;
+  auto& link = rtmp_->Link;
   if (link.app.av_len <= 0 || link.playpath.av_len <= 0) {
     return fail(error, RtmpFailureUrl, "the URL names no application and stream, as in rtmp://host/application/stream");
   }
-  secrets_.emplace_back(link.playpath.av_val, static_cast<std::size_t>(link.playpath.av_len));
+  // librtmp frees its own copy when a write fails, and goes on to name the stream in the next command.
+  streamName_.assign(link.playpath.av_val, static_cast<std::size_t>(link.playpath.av_len));
+  link.playpath.av_val = streamName_.data();
+  secrets_.push_back(streamName_);
   if (link.playpath.av_len > kLongestStreamName) {
     return fail(error, RtmpFailureUrl,
                 "the stream's name is longer than " + std::to_string(kLongestStreamName) + " characters");

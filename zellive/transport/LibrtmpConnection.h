@@ -63,6 +63,7 @@ class LibrtmpConnection : public RtmpConnection {
   RtmpCallbacks callbacks_;
   RtmpUrl url_;
   std::string tcUrl_;
+  std::string streamName_;
   Secrets secrets_;
   std::unique_ptr<RTMP, void (*)(RTMP*)> rtmp_;
   LibrtmpInbox inbox_;
