@@ -144,6 +144,14 @@ class SessionTest : public ::testing::Test {
     manual.companion = companion;
   }
 
+  ~SessionTest() override {
+    if (session) {
+      session->publisher.reset();
+      session.reset();
+    }
+    manual.runPending();  // What ends a stream runs after it, and holds the platform.
+  }
+
   void make(std::int64_t type) {
     session = std::make_shared<ObservedSession>(audio, video, type, manual.platform());
     session->attach();

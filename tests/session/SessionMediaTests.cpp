@@ -79,10 +79,14 @@ TEST_F(SessionTest, AnOddSampleRateOrChannelCountDoesNotChangeTheCountOfSamples)
 TEST_F(SessionTest, BadAudioIsRefusedAndHarmless) {
   connect(kPushed);
   auto format = session->inputAudioASBD();
-  for (const double rate : {0.0, -1.0, std::numeric_limits<double>::quiet_NaN()}) {
+  for (const double rate :
+       {0.0, -1.0, std::numeric_limits<double>::quiet_NaN(), 1e-40, 1e30, std::numeric_limits<double>::infinity()}) {
     format.mSampleRate = rate;
     session->setInputAudioASBD(format);
     pushAudio(4);
+    session->turnOffAudio(true);
+    manual.runPending();
+    session->turnOffAudio(false);
   }
   EXPECT_TRUE(session->handedOff.empty());
   format.mSampleRate = 48000;
@@ -202,6 +206,71 @@ TEST_F(SessionTest, SilenceTakesTheRhythmOfTheLastPush) {
   EXPECT_EQ(log.count("Live: end turn off audio: "), 2U);
 }
 
+TEST_F(SessionTest, SilenceNeedsNoWholeSampleBeforeIt) {
+  connect(ZelLiveInputAudio);
+  session->pushAudio(std::vector<std::uint8_t>(1));
+  session->turnOffAudio(true);
+  manual.advance(1s);
+  EXPECT_NEAR(static_cast<double>(session->handedOff.size()), 46, 1);
+}
+
+TEST_F(SessionTest, SilenceKeepsTheWorldsPaceHoweverLongEachRunTakes) {
+  /// Every chunk takes 5 ms to encode; queues do not stand still meanwhile.
+  struct WorkClock : MediaClock {
+    explicit WorkClock(std::shared_ptr<MediaClock> base) : idle(std::move(base)) {}
+    [[nodiscard]] std::chrono::nanoseconds now() const override { return idle->now() + worked; }
+    [[nodiscard]] Date date() const override { return idle->date(); }
+    std::shared_ptr<MediaClock> idle;
+    std::chrono::nanoseconds worked{0};
+  };
+  struct WorkingEncoder : InstantAudioEncoder {
+    struct Converter : InstantAudioEncoder::Converter {
+      explicit Converter(WorkClock& time) : clock(time) {}
+      int convert(std::span<const std::uint8_t> pcm, std::uint64_t reference, const OutputHandler& output) override {
+        clock.worked += 5ms;
+        return InstantAudioEncoder::Converter::convert(pcm, reference, output);
+      }
+      WorkClock& clock;
+    };
+    explicit WorkingEncoder(std::shared_ptr<WorkClock> time) : clock(std::move(time)) {}
+    std::unique_ptr<AudioConverter> create(const AudioStreamBasicDescription&, const AudioStreamBasicDescription&,
+                                           int& status) override {
+      status = 0;
+      return std::make_unique<Converter>(*clock);
+    }
+    std::shared_ptr<WorkClock> clock;
+  };
+  auto platform = std::make_shared<Platform>(*manual.platform());
+  const auto clock = std::make_shared<WorkClock>(manual.time);
+  platform->clock = clock;
+  platform->audioConversion = std::make_shared<WorkingEncoder>(clock);
+  session = std::make_shared<ObservedSession>(audio, video, ZelLiveInputAudio, platform);
+  session->startLive(info);
+  session->socketStatus(*session->publisher, ZelStreamSocketStatusConnected);
+  const auto start = clock->now();
+  session->turnOffAudio(true);
+  manual.advance(60s);
+  const auto elapsed = std::chrono::duration<double, std::milli>(clock->now() - start).count();
+  EXPECT_GT(elapsed, 70'000.0) << "the encoder's work did not show";
+  EXPECT_NEAR(static_cast<double>(session->handedOff.back()->timestamp), elapsed, 50);
+}
+
+TEST_F(SessionTest, ASourceTurnedOffBeforeTheConnectionIsStoodInFor) {
+  make(ZelLiveInputAudio);
+  session->turnOffAudio(true);
+  session->startLive(info);
+  manual.advance(5s);
+  EXPECT_TRUE(session->handedOff.empty());
+  session->socketStatus(*session->publisher, ZelStreamSocketStatusConnected);
+  pushAudio(10);
+  manual.advance(1s);
+  EXPECT_NEAR(static_cast<double>(session->handedOff.size()), 46, 1) << "silence, and nothing of what is pushed";
+  session->turnOffAudio(false);
+  session->handedOff.clear();
+  pushAudio(10);
+  EXPECT_EQ(session->handedOff.size(), 10U);
+}
+
 TEST_F(SessionTest, OffOnOffLeavesOneChainOfFillers) {
   connect(kPushed);
   align();
@@ -265,6 +334,34 @@ TEST_F(SessionTest, InTheBackgroundTheLastKeyFrameKeepsTheStreamAlive) {
   pushPicture();
   EXPECT_EQ(videoEncoder->keyFrames, std::vector<bool>{true});
   EXPECT_EQ(handedOff(ZelFrameKind::Video), 1U);
+}
+
+TEST_F(SessionTest, NothingIsEncodedInTheBackgroundNotEvenTheFirstPicture) {
+  connect(kPushed);
+  pushAudio(2);
+  manual.notifications->post(notification::DidEnterBackground);
+  pushPicture(3);
+  EXPECT_TRUE(videoEncoder->keyFrames.empty());
+  manual.notifications->post(notification::WillEnterForeground);
+  pushPicture(2);
+  EXPECT_EQ(videoEncoder->keyFrames, (std::vector<bool>{true, false}));
+  EXPECT_EQ(handedOff(ZelFrameKind::Video), 2U);
+}
+
+TEST_F(SessionTest, ALoneSeiIsNoFiller) {
+  connect(kPushed);
+  align();
+  const auto encoder = ZelHardwareVideoEncoder::create(video, manual.platform());
+  auto sei = std::make_shared<ZelLiveVideoFrame>();
+  sei->isKeyFrame = true;
+  sei->data = Data::copyOf(std::vector<std::uint8_t>{0x06, 0x05, 0x80});
+  session->videoEncoderVideoFrame(*encoder, sei);
+  session->handedOff.clear();
+  // The slice that belongs to it comes too late.
+  manual.notifications->post(notification::DidEnterBackground);
+  manual.runPending();
+  ASSERT_EQ(session->handedOff.size(), 1U);
+  EXPECT_EQ(session->handedOff[0]->data.bytes()[0], 0x65);
 }
 
 TEST_F(SessionTest, VideoTurnedOffGoesOnBeingFilledAfterTheBackground) {

@@ -24,20 +24,26 @@ void ZelLivePixelBufferFitSizeFilter::setDelegate(std::weak_ptr<ZelLivePixelBuff
 }
 
 bool ZelLivePixelBufferFitSizeFilter::hasOutputShape(std::size_t width, std::size_t height) {
-  const std::lock_guard lock(mutex_);
-  if (width == lastPixelWidth_ && height == lastPixelHeight_) {
-    return lastHadShape_;
+  {
+    const std::lock_guard lock(mutex_);
+    if (width == lastPixelWidth_ && height == lastPixelHeight_) {
+      return lastHadShape_;
+    }
   }
-  lastPixelWidth_ = width;
-  lastPixelHeight_ = height;
   const float videoRatio = static_cast<float>(videoSize_.width) / static_cast<float>(videoSize_.height);
   const float pixelRatio = static_cast<float>(width) / static_cast<float>(height);
-  lastHadShape_ = toTwoDecimals(videoRatio) == toTwoDecimals(pixelRatio);
-  if (!lastHadShape_) {
+  const bool hasShape = toTwoDecimals(videoRatio) == toTwoDecimals(pixelRatio);
+  {
+    const std::lock_guard lock(mutex_);
+    lastPixelWidth_ = width;
+    lastPixelHeight_ = height;
+    lastHadShape_ = hasShape;
+  }
+  if (!hasShape) {
     ZEL_LOG_ERROR("Live: pictures of %zu x %zu do not have the shape of the output %.0f x %.0f and are dropped", width,
                   height, videoSize_.width, videoSize_.height);
   }
-  return lastHadShape_;
+  return hasShape;
 }
 
 void ZelLivePixelBufferFitSizeFilter::renderPixelBuffer(std::shared_ptr<PixelBuffer> pixelBuffer, double timeStamp) {

@@ -9,7 +9,8 @@ namespace zellive {
 enum class LogLevel : int { Error = 0, Warning = 1, Information = 2 };
 
 /// Receives every message of the library. Called on whichever thread logs, possibly on several at once; it must be
-/// quick and must not throw. `message` is valid for the call only.
+/// quick, must not throw, and must not wait for a thread that is in a call of the library's. It may ask a session
+/// something and end one, but not push media into one. `message` is valid for the call only.
 using LogHandler = std::function<void(LogLevel level, std::string_view function, int line, std::string_view message)>;
 
 /// Hands one message to the handler in force. Thread-safe.

@@ -44,7 +44,7 @@ std::shared_ptr<ZelLiveSession> ZelLiveSession::create(AudioConfiguration audioC
 
 ZelLiveSession::ZelLiveSession(AudioConfiguration audioConfiguration, VideoConfiguration videoConfiguration,
                                std::int64_t captureType, std::shared_ptr<const Platform> platform)
-    : platform_(std::move(platform)), captureType_(captureType) {
+    : platform_(platform ? std::move(platform) : defaultPlatform()), captureType_(captureType) {
   if (!audioConfiguration && hasType(ZelLiveCaptureAudio | ZelLiveInputAudio)) {
     throw ZelException("ZelLiveSession init error.", "audioConfiguration is nil.");
   }
@@ -93,19 +93,24 @@ void ZelLiveSession::startLive(std::shared_ptr<ZelLiveStreamInfo> streamInfo) {
   if (!streamInfo) {
     return;
   }
+  const char* refusal = nullptr;
   {
     const std::lock_guard lock(stagesLock_);
     if (spent_ || stages_.streamInfo) {
-      ZEL_LOG_WARNING("Live: this session has %s; a new run needs a new session", spent_ ? "ended" : "started already");
-      return;
+      refusal = spent_ ? "ended" : "started already";
+    } else {
+      if (!streamInfo->audioConfiguration) {
+        streamInfo->audioConfiguration = stages_.audioConfiguration;
+      }
+      if (!streamInfo->videoConfiguration) {
+        streamInfo->videoConfiguration = stages_.videoConfiguration;
+      }
+      stages_.streamInfo = streamInfo;
     }
-    if (!streamInfo->audioConfiguration) {
-      streamInfo->audioConfiguration = stages_.audioConfiguration;
-    }
-    if (!streamInfo->videoConfiguration) {
-      streamInfo->videoConfiguration = stages_.videoConfiguration;
-    }
-    stages_.streamInfo = streamInfo;
+  }
+  if (refusal != nullptr) {
+    ZEL_LOG_WARNING("Live: this session has %s; a new run needs a new session", refusal);
+    return;
   }
   auto publisher = makeSocket(std::move(streamInfo));
   publisher->setDelegate(weak_from_this());
@@ -158,20 +163,19 @@ bool ZelLiveSession::endLive(const char* how) {
   std::shared_ptr<ZelStreamRtmpSocket> publisher;
   {
     const std::lock_guard lock(stagesLock_);
-    if (spent_) {
+    // From here on nobody else ends this session, and no late report of the publisher's brings it back to life.
+    if (std::exchange(spent_, true)) {
       return false;
     }
+    uploading_ = false;
     checks.swap(checks_);
     publisher = stages_.socket;
-    if (publisher) {
-      stoppedSocket_ = publisher;
-    }
+    stoppedSocket_ = publisher;
   }
   ZEL_LOG_INFO("Live: %s Live %s", how, describeObject("ZelLiveSession", this).c_str());
   for (const auto& check : checks) {
     check->cancel();
   }
-  uploading_ = false;
   if (hasType(ZelLiveAnyReplay)) {
     setRunning(false);
   }
@@ -187,7 +191,7 @@ bool ZelLiveSession::waitUntilStopped(std::chrono::milliseconds limit) {
   {
     const std::lock_guard lock(stagesLock_);
     publisher = stoppedSocket_;
-    if (stages_.socket) {
+    if (!spent_ && stages_.socket) {
       return false;  // Still running: nobody has stopped it.
     }
   }
@@ -205,6 +209,7 @@ void ZelLiveSession::clean() {
   {
     const std::lock_guard lock(stagesLock_);
     spent_ = true;
+    uploading_ = false;
     std::swap(released, stages_);
     lastVideo.swap(lastVideoFrame_);
     lastAudio.swap(lastAudioFrame_);
@@ -212,9 +217,13 @@ void ZelLiveSession::clean() {
     checks.swap(checks_);
     observations.swap(observations_);
   }
-  uploading_ = false;
   for (const auto& check : checks) {
     check->cancel();
+  }
+  if (queue) {
+    // Let go of elsewhere: that waits for a filler under way, which may be calling the application, which may hold a
+    // lock of its own around this call.
+    platform_->queues->globalQueue()->async([last = std::move(queue)] { (void)last; });
   }
   released.socket.reset();
   released.streamInfo.reset();
@@ -232,17 +241,11 @@ std::shared_ptr<Stage> ZelLiveSession::stage(std::shared_ptr<Stage> Stages::*mem
       return stages_.*member;
     }
   }
-  // Making a stage takes time and logs; a log handler of the application's may well ask the session something.
-  const std::lock_guard one(makingLock_);
-  {
-    const std::lock_guard lock(stagesLock_);
-    if (stages_.*member || spent_) {
-      return stages_.*member;
-    }
-  }
+  // Made with no lock held: it takes time and logs, and a log handler of the application's may well ask the session
+  // something. Of two made at once the first stays.
   std::shared_ptr<Stage> made = make();
   const std::lock_guard lock(stagesLock_);
-  if (!spent_) {
+  if (!spent_ && !(stages_.*member)) {
     stages_.*member = made;
   }
   return stages_.*member;
@@ -269,13 +272,22 @@ std::shared_ptr<ZelHardwareAudioEncoder> ZelLiveSession::audioEncoder() {
 }
 
 std::shared_ptr<ZelHardwareVideoEncoder> ZelLiveSession::videoEncoder() {
-  return stage(&Stages::videoEncoder, [this] {
-    auto encoder = ZelHardwareVideoEncoder::create(videoConfiguration(), platform_, videoEncoderOptions());
-    if (encoder) {
-      encoder->setDelegate(weak_from_this());
-    }
+  if (auto encoder = existingVideoEncoder()) {
     return encoder;
+  }
+  // It takes up to a second and much memory to make: pictures that come meanwhile get none rather than one each.
+  if (makingVideoEncoder_.exchange(true)) {
+    return nullptr;
+  }
+  auto encoder = stage(&Stages::videoEncoder, [this] {
+    auto made = ZelHardwareVideoEncoder::create(videoConfiguration(), platform_, videoEncoderOptions());
+    if (made) {
+      made->setDelegate(weak_from_this());
+    }
+    return made;
   });
+  makingVideoEncoder_ = false;
+  return encoder;
 }
 
 std::shared_ptr<ZelHardwareVideoEncoder> ZelLiveSession::existingVideoEncoder() const {
@@ -319,21 +331,12 @@ void ZelLiveSession::socketStatus(ZelStreamRtmpSocket& socket, std::uint64_t sta
   ZEL_LOG_INFO("Live: socket status %lu socket: %s session: %s", static_cast<unsigned long>(status),
                describeObject("ZelStreamRtmpSocket", &socket).c_str(), describeObject("ZelLiveSession", this).c_str());
   switch (status) {
-    case ZelStreamSocketStatusConnected: {
-      bool running = true;
-      {
-        // A stream that is being stopped must not come back to life.
-        const std::lock_guard lock(stagesLock_);
-        running = uploading_ || spent_;
-      }
-      if (!running) {
-        resetMedia();
-      }
+    case ZelStreamSocketStatusConnected:
+      beginUploading();
       if (auto encoder = existingVideoEncoder()) {
         encoder->requestKeyFrame();
       }
       break;
-    }
     case ZelStreamSocketStatusStopped:
       uploading_ = false;
       break;

@@ -93,10 +93,13 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   /// has ZelLiveInputVideo and the stream is up. Pictures above the configured frame rate are thinned by the whole
   /// ratio inputVideoFrameRate / videoFrameRate.
   void pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer);
-  /// Replaces pushed audio by silence, and back.
+  /// Replaces pushed audio by silence, and back; also before the stream is up.
   void turnOffAudio(bool off);
-  /// Replaces pushed video by the last key frame, once a second, and back.
+  /// Sends the last key frame once a second, and stops doing so. Pictures that are pushed meanwhile are still sent:
+  /// stop pushing them.
   void turnOffVideo(bool off);
+  /// Milliseconds on the stream's clock, counted from its base.
+  [[nodiscard]] std::uint64_t uploadTimestamp(std::uint64_t timestamp) const;
 
   // ---- Properties
 
@@ -215,15 +218,15 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   bool hasType(std::int64_t bits) const { return (captureType_ & bits) != 0; }
 
   // Media (ZelLiveSessionMedia.cpp, ZelLiveSessionFillers.cpp)
-  void resetMedia();
+  void beginUploading();
   bool AVAlignnment() const;
   void receiveAudio(std::span<const std::uint8_t> data, double sampleRate);
   double audioClock() const;
   double audioRate() const;
+  static bool isSampleRate(double rate);
   void renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuffer);
   void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock);
   void logPicture(std::int64_t videoSeqId, double clock, double frameRate) const;
-  std::uint64_t uploadTimestamp(std::uint64_t timestamp) const;
   void videoFrameWithoutAlignment();
   void audioCheck();
   void videoCheck();
@@ -245,8 +248,6 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   const std::shared_ptr<const Platform> platform_;
   const std::int64_t captureType_;
 
-  /// Held while a stage is made; never taken with stagesLock_ held.
-  std::recursive_mutex makingLock_;
   mutable std::mutex stagesLock_;
   Stages stages_;
   bool spent_ = false;
@@ -269,6 +270,10 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   float audioSampleMS_ = 0;
   std::uint64_t fr_ = 0;
 
+  // On the media queue only.
+  std::chrono::nanoseconds silenceDue_{0};
+  std::uint64_t silenceGeneration_ = 0;
+
   ZelLiveTool tool_;
   /// An SEI came before alignment, its slice has yet to come. The encoder's callbacks only, which never overlap.
   bool pictureBegun_ = false;
@@ -280,7 +285,9 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::atomic<std::uint64_t> recoderNoVideoFrame_{0};
   std::atomic<bool> hasCaptureAudio_{false};
   std::atomic<bool> hasKeyFrameVideo_{false};
+  /// Becomes true under stagesLock_, and not once spent_ is.
   std::atomic<bool> uploading_{false};
+  std::atomic<bool> makingVideoEncoder_{false};
   std::atomic<bool> didNotiLiveStatusToServer_{false};
   std::atomic<bool> isBackGround_{false};
   std::atomic<bool> inputAudioOff_{false};

@@ -13,6 +13,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr std::chrono::duration<double, std::milli> kPictureFillerInterval = 1s;
+/// Silence that is later than this, on a machine that was stopped, is not made up for.
+constexpr auto kMostBehind = 1s;
 
 }  // namespace
 
@@ -86,14 +88,21 @@ void ZelLiveSession::fillAudioFrameInTurnOffAudio(std::uint64_t generation) {
     samples = static_cast<std::size_t>(audioSampleMS_);
   }
   const double rate = hasType(ZelLiveInputAudio) ? inputAudioASBD().mSampleRate : audioRate();
-  if (samples == 0 || !(rate > 0)) {
+  if (samples == 0 || !isSampleRate(rate)) {
     return;
+  }
+  // Counted on from the run before, not from now: what each run is late and takes would add up, and the stream's clock
+  // would fall behind the world's.
+  const auto now = platform_->clock->now();
+  if (std::exchange(silenceGeneration_, generation) != generation || now - silenceDue_ > kMostBehind) {
+    silenceDue_ = now;
   }
   const std::vector<std::uint8_t> silence(samples * 2);
   receiveAudio(silence, rate);
   const auto duration = static_cast<float>(samples) / (static_cast<float>(rate) / 1000.0F);
-  fillAgain(std::chrono::duration<double, std::milli>(duration), &ZelLiveSession::fillAudioFrameInTurnOffAudio,
-            generation);
+  silenceDue_ +=
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double, std::milli>(duration));
+  fillAgain(silenceDue_ - platform_->clock->now(), &ZelLiveSession::fillAudioFrameInTurnOffAudio, generation);
 }
 
 void ZelLiveSession::fillVideoFrameInTurnOffVideo(std::uint64_t generation) {

@@ -11,22 +11,42 @@ constexpr std::int64_t kNoUploadError = -5801;
 constexpr std::int64_t kRecorderWarning = 1201;
 constexpr std::int64_t kRecorderInactive = 1202;
 
+/// A lone SEI is nothing that could stand for a picture.
+bool holdsPicture(const ZelLiveVideoFrame& frame) {
+  constexpr std::uint8_t sei = 6;
+  return frame.data.length() > 0 && (frame.data.bytes()[0] & 0x1F) != sei;
+}
+
 }  // namespace
 
-void ZelLiveSession::resetMedia() {
-  hasCaptureAudio_ = false;
-  hasKeyFrameVideo_ = false;
-  recoderNoAudioFrame_ = 0;
-  recoderNoVideoFrame_ = 0;
+/// The stream is up: it starts from zero, unless it was running or is being stopped.
+void ZelLiveSession::beginUploading() {
   {
-    const std::lock_guard lock(lock_);
-    relativeTimeStamp_ = 0;
-    lastAudioTimestamp_ = 0.0;
+    const std::lock_guard stages(stagesLock_);
+    if (uploading_ || spent_) {
+      return;
+    }
+    hasCaptureAudio_ = false;
+    hasKeyFrameVideo_ = false;
+    recoderNoAudioFrame_ = 0;
+    recoderNoVideoFrame_ = 0;
+    {
+      const std::lock_guard lock(lock_);
+      relativeTimeStamp_ = 0;
+      lastAudioTimestamp_ = 0.0;
+    }
+    videoSeqId_ = 0;
+    audioSeqId_ = 0;
+    didNotiLiveStatusToServer_ = false;
+    uploading_ = true;
   }
-  videoSeqId_ = 0;
-  audioSeqId_ = 0;
-  didNotiLiveStatusToServer_ = false;
-  uploading_ = true;
+  // A source that was turned off before the stream was up is still to be stood in for.
+  if (inputAudioOff_) {
+    startFiller(&ZelLiveSession::fillAudioFrameInTurnOffAudio, audioFillerGeneration_);
+  }
+  if (inputVideoOff_) {
+    startFiller(&ZelLiveSession::fillVideoFrameInTurnOffVideo, videoFillerGeneration_);
+  }
 }
 
 bool ZelLiveSession::AVAlignnment() const {
@@ -47,6 +67,9 @@ double ZelLiveSession::audioRate() const {
   const auto configuration = audioConfiguration();
   return configuration ? static_cast<double>(configuration->audioSampleRate()) : 0.0;
 }
+
+/// A clock that counts with anything else stands still, races away or is not a number.
+bool ZelLiveSession::isSampleRate(double rate) { return rate >= 1.0 && rate <= 1e6; }
 
 // ---- Audio in
 
@@ -75,7 +98,7 @@ void ZelLiveSession::replayCaptureOutputAudioData(ZelLiveReplayCapture*, std::sp
 }
 
 void ZelLiveSession::receiveAudio(std::span<const std::uint8_t> data, double sampleRate) {
-  if (!(sampleRate > 0)) {
+  if (!isSampleRate(sampleRate)) {
     if (sampled(1000)) {
       ZEL_LOG_ERROR("Live: audio with a sample rate of %f is dropped", sampleRate);
     }
@@ -93,7 +116,8 @@ void ZelLiveSession::receiveAudio(std::span<const std::uint8_t> data, double sam
   {
     const std::lock_guard lock(lock_);
     lastAudioTimestamp_ += static_cast<double>(duration);
-    audioSampleMS_ = samples;
+    // Less than a sample is no rhythm for silence.
+    audioSampleMS_ = samples > 0 ? samples : audioSampleMS_;
     clock = lastAudioTimestamp_;
   }
   const auto seqId = ++audioSeqId_;
@@ -186,6 +210,9 @@ void ZelLiveSession::filterPixelBuffer(ZelLivePixelBufferFitSizeFilter& filter,
       return;
     }
   }
+  if (isBackGround_) {
+    return;  // As the encoder does; one that is yet to be made has not heard of it.
+  }
   if (auto encoder = videoEncoder()) {
     encoder->encodeVideoData(std::move(pixelBuffer), static_cast<std::uint64_t>(timeStamp));
   }
@@ -238,7 +265,7 @@ void ZelLiveSession::videoEncoderVideoFrame(ZelHardwareVideoEncoder&, std::share
   if (isBackGround_) {
     return;
   }
-  if (frame->isKeyFrame) {
+  if (frame->isKeyFrame && holdsPicture(*frame)) {
     const std::lock_guard lock(stagesLock_);
     lastVideoFrame_ = frame;
   }
