@@ -14,6 +14,7 @@ namespace zellive::tool {
 namespace {
 
 constexpr int usageError = 2;
+constexpr const char* noCommand = "say what to do: zellive publish URL ...";
 constexpr const char* help = R"(Publishes live audio and video to an RTMP server.
 
 Usage: zellive publish URL (--input FILE | --test-card) [options]
@@ -64,8 +65,10 @@ bool number(std::string_view text, Value& value) {
 
 bool looksLikeUrl(const std::string& url) {
   for (const std::string_view scheme : {"rtmp://", "rtmps://", "rtmpt://", "rtmpe://", "rtmpte://", "rtmpts://"}) {
-    if (url.starts_with(scheme) && url.size() > scheme.size()) {
-      return true;
+    if (url.starts_with(scheme)) {
+      const auto application = url.find('/', scheme.size());
+      const auto stream = application == std::string::npos ? application : url.find_first_of("/? ", application + 2);
+      return application > scheme.size() && stream != std::string::npos && stream + 1 < url.size();
     }
   }
   return false;
@@ -81,7 +84,7 @@ struct RawOptions {
 };
 
 std::string checkUrl(const std::string& text) {
-  return looksLikeUrl(text) ? "" : "the URL must begin with rtmp:// and name a host";
+  return looksLikeUrl(text) ? "" : "a URL is rtmp://HOST[:PORT]/APPLICATION/STREAM";
 }
 
 std::string checkSize(const std::string& text) {
@@ -90,6 +93,12 @@ std::string checkSize(const std::string& text) {
 
 std::string checkBitRate(const std::string& text) {
   return parseBitRate(text) ? "" : "a bit rate is a number of bits per second from 10k to 200M, such as 1500k or 1.5M";
+}
+
+std::string checkEncoder(const std::string& text) {
+  const auto known = {"h264_nvenc", "h264_vaapi", "libx264"};
+  return std::find(known.begin(), known.end(), text) != known.end() ? ""
+                                                                    : "an encoder is h264_nvenc, h264_vaapi or libx264";
 }
 
 std::string checkDuration(const std::string& text) {
@@ -112,7 +121,7 @@ void addOptions(CLI::App& publish, PublishOptions& options, RawOptions& raw) {
   publish.add_option("--bitrate", raw.bitRate)->check(validator(checkBitRate));
   publish.add_flag("--adaptive", options.adaptive);
   publish.add_option("--denoise", options.denoise)->check(CLI::Range(0, 3));
-  publish.add_option("--encoder", options.encoder);
+  publish.add_option("--encoder", options.encoder)->check(validator(checkEncoder));
   publish.add_option("--preset", options.preset);
   publish.add_option("--reconnect-interval", options.reconnectInterval)->check(CLI::Range(1, 3600));
   publish.add_option("--reconnect-count", options.reconnectCount)->check(CLI::Range(1, 1000000));
@@ -163,16 +172,28 @@ std::variant<PublishOptions, Farewell> parseCommandLine(std::vector<std::string>
   app.set_version_flag("--version", "zellive " ZELLIVE_VERSION);
   auto* publish = app.add_subcommand("publish");
   addOptions(*publish, options, raw);
+  const std::string first = arguments.empty() ? std::string() : arguments.front();
   try {
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
     if (!publish->parsed()) {
-      return complaint("say what to do: zellive publish URL ...");
+      return complaint(noCommand);
     }
   } catch (const CLI::CallForHelp&) {
     return Farewell{0, help};
   } catch (const CLI::CallForVersion& version) {
     return Farewell{0, std::string(version.what()) + "\n"};
+  } catch (const CLI::ExtrasError& error) {
+    // A URL holds a key: none is repeated.
+    const std::string text = error.what();
+    if (publish->parsed() && text.find("://") != std::string::npos) {
+      return complaint("there is one URL too many");
+    }
+    if (!publish->parsed()) {
+      const bool repeatable = first.find("://") == std::string::npos;
+      return complaint((repeatable ? "unknown: " + first + "; " : std::string()) + noCommand);
+    }
+    return complaint(text);
   } catch (const CLI::ParseError& error) {
     return complaint(error.what());
   }

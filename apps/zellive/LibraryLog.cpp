@@ -32,11 +32,22 @@ void LibraryLog::receive(LogLevel level, std::string_view message) {
       message = words;
     } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_)) {
       level = LogLevel::Information;
+    } else if (level == LogLevel::Error && isRepeated(message)) {
+      level = LogLevel::Information;
     } else if (level == LogLevel::Error) {
       lastError_ = message.starts_with("Live: ") ? message.substr(6) : message;
     }
   }
   output_->log(level, message);
+}
+
+/// An encoder that does not work says so with each picture, and its bare codes only repeat what words have said.
+bool LibraryLog::isRepeated(std::string_view message) {
+  if (message.starts_with("Live: VTCompressionSession") && !lastError_.empty()) {
+    return true;
+  }
+  constexpr std::size_t limit = 100;
+  return shown_.size() < limit && !shown_.emplace(message).second;
 }
 
 void LibraryLog::showWarnings() {
@@ -58,6 +69,7 @@ void LibraryLog::forgetErrors() {
   const std::lock_guard lock(mutex_);
   lastConnectError_.clear();
   lastError_.clear();
+  shown_.clear();
 }
 
 }  // namespace zellive::tool

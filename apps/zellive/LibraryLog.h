@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -27,11 +29,15 @@ class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
   void receive(LogLevel level, std::string_view message);
 
  private:
+  /// With mutex_ held.
+  bool isRepeated(std::string_view message);
+
   const std::shared_ptr<Output> output_;
   mutable std::mutex mutex_;
   bool warnings_ = false;
   std::string lastConnectError_;
   std::string lastError_;
+  std::set<std::string, std::less<>> shown_;
 };
 
 }  // namespace zellive::tool

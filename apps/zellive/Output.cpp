@@ -148,6 +148,10 @@ void Output::stateChanged(std::uint64_t state, const StreamStatus& status) {
                             {"code", state},
                             {"elapsed", rounded(status.elapsed.count(), 1000)}}));
   } else {
+    if (!line_.empty()) {
+      clearLine();
+      line_ = statusText(status);
+    }
     printLine(out_, clockText(status.elapsed) + " " + stateName(state));
   }
 }

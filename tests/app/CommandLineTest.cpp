@@ -22,6 +22,8 @@ TEST(CommandLineTest, AnswersWrongLinesWithOneLineAndStatusTwo) {
                                  "publish --test-card|URL",
                                  "publish http://h/a/k --test-card|rtmp://",
                                  "publish rtmp:// --test-card|rtmp://",
+                                 "publish rtmp://h/a --test-card|STREAM",
+                                 "+--test-card --encoder x265|libx264",
                                  "+|--input FILE or --test-card",
                                  "+--input a --test-card|--test-card",
                                  "+--test-card --loop|--input",
