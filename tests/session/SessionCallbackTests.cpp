@@ -30,14 +30,14 @@ TEST_F(SessionTest, ALogHandlerMayAskAndEndTheSession) {
     (void)session->denoiseLevel();
     session->setDelegate(delegate);
   };
-  connect(kPushed);
+  {
+    const ActingLog log("Live: createCompressionSession", ask);
+    connect(kPushed);
+  }
+  align();
   {
     const ActingLog log("started already", ask);
     session->startLive(info);
-  }
-  {
-    const ActingLog log("Live: createCompressionSession", ask);
-    align();
   }
   {
     const ActingLog log("do not have the shape", [&] {

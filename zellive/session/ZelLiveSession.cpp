@@ -126,6 +126,14 @@ void ZelLiveSession::startLive(std::shared_ptr<ZelLiveStreamInfo> streamInfo) {
   }
   publisher->start();
   liveMonitor();
+  if (hasType(ZelLiveAnyVideo)) {
+    // Made while the connection is: a first picture that had to wait for its encoder would come late to the stream.
+    platform_->queues->globalQueue()->async([weak = weak_from_this()] {
+      if (auto self = weak.lock()) {
+        (void)self->videoEncoder();
+      }
+    });
+  }
 
   const auto schedule = [this](void (ZelLiveSession::*check)()) {
     return platform_->queues->mainQueue()->after(kStartUpCheckDelay, [weak = weak_from_this(), check] {

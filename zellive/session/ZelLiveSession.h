@@ -138,7 +138,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   [[nodiscard]] std::shared_ptr<ZelLiveStreamInfo> streamInfo() const;
   /// The last statistics, if there are any.
   [[nodiscard]] std::optional<ZelLiveDebug> debugInfo() const;
-  /// Which encoder to use; before the first picture.
+  /// Which encoder to use; taken when the stream starts.
   [[nodiscard]] VideoEncoderOptions videoEncoderOptions() const;
   void setVideoEncoderOptions(VideoEncoderOptions options);
   /// Bits per second that the video encoder is set to at present; 0 while there is none.
