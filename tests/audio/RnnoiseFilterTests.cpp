@@ -60,8 +60,8 @@ Samples voice(double seconds, double level) {
 }
 
 Samples processed(ZelLiveRnnoiseFilter& filter, Samples samples) {
-  for (std::size_t i = 0; i + 480 <= samples.size(); i += 480) {
-    filter.processAudio({reinterpret_cast<std::uint8_t*>(samples.data() + i), 960});
+  for (std::size_t i = 0; i < samples.size(); i += 960) {  // Two frames a call.
+    filter.processAudio({reinterpret_cast<std::uint8_t*>(samples.data() + i), 1920});
   }
   return samples;
 }

@@ -18,7 +18,7 @@ TEST(Log, HandlerReceivesLevelPlaceAndTextOfAnyLength) {
     EXPECT_EQ(level, LogLevel::Warning);
     seen.push_back(std::string(function) + ":" + std::to_string(line) + " " + std::string(text));
   });
-  for (const std::size_t length : {0U, 510U, 511U, 512U, 513U, 100000U}) {
+  for (const std::size_t length : {0U, 503U, 504U, 505U, 100000U}) {
     const std::string text(length, 'x');
     const int line = __LINE__ + 1;
     ZEL_LOG_WARNING("Live: %d%s|", 3, text.c_str());
