@@ -2,8 +2,6 @@
 #include <cstdio>
 
 #include "tests/e2e/Tool.h"
-#include "tests/support/FlvFile.h"
-#include "tests/support/Sockets.h"
 
 namespace zellive::test {
 namespace {
@@ -52,8 +50,7 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
       toolCommand(server->url("clip"), {"--input", clip, "--loop", "--duration", "9", "--preset", "superfast"}));
   ASSERT_EQ(run.status, 0) << run.output << run.errors;
   EXPECT_EQ(run.errors, "");
-  const auto path = server->recording("clip");
-  ASSERT_TRUE(waitForRecording(path)) << server->errorLog();
+  const auto path = server->finishedRecording("clip");
   expectStreams(path);
 
   const FlvFile file(path);
@@ -90,12 +87,10 @@ TEST_F(ServerTest, TheStreamGoesOnWhenTheServerComesBack) {
   ASSERT_TRUE(tool.waitForText("\"type\":\"status\"", 10s)) << tool.errors();
   server->kill();
   ASSERT_TRUE(tool.waitForText("reconnecting", 10s)) << tool.errors();
-  const auto path = server->recording("again");
-  std::remove(path.c_str());
+  std::remove(server->recording("again").c_str());
   server->start();
-  ASSERT_TRUE(tool.waitFor(30s));
-  EXPECT_EQ(tool.exitStatus(), 0) << tool.errors();
-  ASSERT_TRUE(waitForRecording(path)) << server->errorLog();
+  expectEnd(tool, 0, 30s);
+  const auto path = server->finishedRecording("again");
   expectStreams(path);
   EXPECT_GE(pictureTimes(FlvFile(path), false).back(), 8950) << "the stream's clock went on meanwhile";
 }

@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FlvFile.h"
 #include "tests/support/NginxServer.h"
 #include "tests/support/Process.h"
+#include "tests/support/Sockets.h"
 
 namespace zellive::test {
 
@@ -19,6 +21,11 @@ inline constexpr const char* clip = "/usr/share/forensics-samples/original-files
 inline std::vector<std::string> toolCommand(const std::string& url, std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {ZELLIVE_PROGRAM, "publish", url});
   return arguments;
+}
+
+inline void expectEnd(Process& tool, int status, std::chrono::seconds limit) {
+  ASSERT_TRUE(tool.waitFor(limit)) << tool.output() << tool.errors();
+  EXPECT_EQ(tool.exitStatus(), status) << tool.output() << tool.errors();
 }
 
 /// What the tool printed with --json. Fails the test when a line is no JSON object.

@@ -3,12 +3,10 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 
 #include "tests/support/Sockets.h"
@@ -16,16 +14,18 @@
 namespace zellive::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr const char* module = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
 constexpr const char* program = "/usr/sbin/nginx";
 
 // One process, so that ending it ends everything. @USER@ is empty for ordinary users, who cannot change theirs.
-constexpr std::string_view configuration = R"(load_module @MODULE@;
+constexpr const char* configuration = R"(load_module @MODULE@;
 daemon off;
 master_process off;
 @USER@
-pid @DIR@/nginx.pid;
-error_log @DIR@/error.log info;
+pid nginx.pid;
+error_log error.log info;
 events { worker_connections 128; }
 rtmp {
   server {
@@ -46,11 +46,11 @@ rtmp {
 }
 http {
   access_log off;
-  client_body_temp_path @DIR@/body;
-  proxy_temp_path @DIR@/proxy;
-  fastcgi_temp_path @DIR@/fastcgi;
-  uwsgi_temp_path @DIR@/uwsgi;
-  scgi_temp_path @DIR@/scgi;
+  client_body_temp_path body;
+  proxy_temp_path proxy;
+  fastcgi_temp_path fastcgi;
+  uwsgi_temp_path uwsgi;
+  scgi_temp_path scgi;
   server {
     listen 127.0.0.1:@HTTP@;
     location = /refuse { return 403; }
@@ -58,36 +58,22 @@ http {
 }
 )";
 
-std::string replaced(std::string text, const std::string& mark, const std::string& by) {
-  for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark, at + by.size())) {
-    text.replace(at, mark.size(), by);
-  }
-  return text;
-}
-
 bool answers(std::uint16_t port) {
   const int descriptor = connectToLoopback(port);
-  if (descriptor >= 0) {
-    close(descriptor);
-  }
-  return descriptor >= 0;
+  return descriptor >= 0 && close(descriptor) == 0;
 }
 
-/// Whether any process has `path` open; only our own processes matter, and those we may look at.
-bool isOpenSomewhere(const std::string& path) {
-  std::error_code error;
-  for (const auto& process : std::filesystem::directory_iterator("/proc", error)) {
-    const auto descriptors = process.path() / "fd";
-    std::error_code denied;
-    for (std::filesystem::directory_iterator entry(descriptors, denied), end; !denied && entry != end;
-         entry.increment(denied)) {
-      std::error_code gone;
-      if (std::filesystem::read_symlink(entry->path(), gone) == path) {
-        return true;
-      }
+/// Looks every 20 ms until it holds; false after `limit`.
+template <typename Condition>
+bool waitUntil(Condition holds, std::chrono::seconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
     }
+    std::this_thread::sleep_for(20ms);
   }
-  return false;
+  return true;
 }
 
 }  // namespace
@@ -97,39 +83,39 @@ bool NginxServer::available() { return access(module, R_OK) == 0 && access(progr
 NginxServer::NginxServer() {
   std::filesystem::create_directory(directory_.path() + "/recordings");
   // Somebody else may take a port between our choosing it and nginx's opening it.
-  for (int attempt = 0; attempt < 5; ++attempt) {
+  for (int attempt = 1;; ++attempt) {
     rtmpPort_ = freePort();
     httpPort_ = freePort();
     try {
       start();
       return;
     } catch (const std::runtime_error&) {
-      process_.reset();
+      if (attempt == 5) {
+        throw;
+      }
     }
   }
-  throw std::runtime_error("nginx does not start: " + errorLog());
-}
-
-void NginxServer::writeConfiguration() const {
-  std::string text(configuration);
-  text = replaced(text, "@MODULE@", module);
-  text = replaced(text, "@USER@", geteuid() == 0 ? "user root;" : "");
-  text = replaced(text, "@DIR@", directory_.path());
-  text = replaced(text, "@RTMP@", std::to_string(rtmpPort_));
-  text = replaced(text, "@HTTP@", std::to_string(httpPort_));
-  std::ofstream(directory_.path() + "/nginx.conf") << text;
 }
 
 void NginxServer::start() {
-  writeConfiguration();
   const std::string& directory = directory_.path();
+  std::string text(configuration);
+  for (const auto& [mark, value] : {std::pair<std::string, std::string>{"@MODULE@", module},
+                                    {"@USER@", geteuid() == 0 ? "user root;" : ""},
+                                    {"@DIR@", directory},
+                                    {"@RTMP@", std::to_string(rtmpPort_)},
+                                    {"@HTTP@", std::to_string(httpPort_)}}) {
+    for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark)) {
+      text.replace(at, mark.size(), value);
+    }
+  }
+  std::ofstream(directory + "/nginx.conf") << text;
   process_ = std::make_unique<Process>(std::vector<std::string>{
       program, "-p", directory, "-c", directory + "/nginx.conf", "-e", directory + "/error.log"});
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!answers(rtmpPort_) || !answers(httpPort_)) {
-    if (process_->waitFor(std::chrono::milliseconds(20)) || std::chrono::steady_clock::now() > limit) {
-      throw std::runtime_error("nginx does not answer: " + process_->errors());
-    }
+  const auto up = [&] { return answers(rtmpPort_) && answers(httpPort_); };
+  waitUntil([&] { return process_->waitFor(0ms) || up(); }, 10s);
+  if (process_->waitFor(0ms) || !up()) {
+    throw std::runtime_error("nginx does not answer: " + process_->errors() + errorLog());
   }
 }
 
@@ -141,33 +127,35 @@ std::string NginxServer::recording(const std::string& stream) const {
   return directory_.path() + "/recordings/" + stream + ".flv";
 }
 
+std::string NginxServer::finishedRecording(const std::string& stream) const {
+  const auto path = recording(stream);
+  if (!waitUntil([&] { return std::filesystem::exists(path) && !hasOpen(path); }, 20s)) {
+    throw std::runtime_error("no finished recording of " + stream + ": " + errorLog());
+  }
+  return path;
+}
+
+bool NginxServer::hasOpen(const std::string& path) const {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry("/proc/" + std::to_string(process_->id()) + "/fd", error), end;
+       !error && entry != end; entry.increment(error)) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry->path(), gone) == path) {
+      return true;
+    }
+  }
+  return false;
+}
+
 std::string NginxServer::errorLog() const {
   std::ostringstream text;
   text << std::ifstream(directory_.path() + "/error.log").rdbuf();
   return text.str();
 }
 
-void NginxServer::stop() {
-  process_->signal(SIGTERM);
-  if (!process_->waitFor(std::chrono::seconds(10))) {
-    throw std::runtime_error("nginx does not stop");
-  }
-}
-
 void NginxServer::kill() {
   process_->signal(SIGKILL);
-  (void)process_->waitFor(std::chrono::seconds(10));
-}
-
-bool waitForRecording(const std::string& path) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < limit) {
-    if (std::filesystem::exists(path) && !isOpenSomewhere(path)) {
-      return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
+  (void)process_->waitFor(10s);
 }
 
 }  // namespace zellive::test

@@ -19,27 +19,25 @@ class NginxServer {
 
   [[nodiscard]] std::uint16_t rtmpPort() const { return rtmpPort_; }
   [[nodiscard]] std::string url(const std::string& stream, const std::string& application = "live") const;
-  /// Where "live" records a stream; complete once its publisher has gone.
+  /// Where "live" records a stream.
   [[nodiscard]] std::string recording(const std::string& stream) const;
-  [[nodiscard]] std::string errorLog() const;
+  /// The same, once nginx has closed the file: the publisher is gone for the server as well. Throws
+  /// std::runtime_error with nginx's log when that does not come about.
+  [[nodiscard]] std::string finishedRecording(const std::string& stream) const;
 
-  /// Ends it politely, publishers included, and waits for the end.
-  void stop();
   /// Ends it at once, as a crash would.
   void kill();
   /// Starts it again on the same ports.
   void start();
 
  private:
-  void writeConfiguration() const;
+  [[nodiscard]] std::string errorLog() const;
+  [[nodiscard]] bool hasOpen(const std::string& path) const;
 
   TemporaryDirectory directory_;
   std::uint16_t rtmpPort_ = 0;
   std::uint16_t httpPort_ = 0;
   std::unique_ptr<Process> process_;
 };
-
-/// Waits until a recording no longer grows and its writer has closed it: the publisher is gone for the server as well.
-[[nodiscard]] bool waitForRecording(const std::string& path);
 
 }  // namespace zellive::test

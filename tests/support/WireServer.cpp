@@ -1,15 +1,10 @@
 #include "tests/support/WireServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <random>
@@ -24,36 +19,32 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr std::size_t kHandshakeSize = 1536;
 constexpr std::uint32_t kExtended = 0xFFFFFF;
 
-struct ConnectionOver : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-struct Malformed : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+struct ConnectionOver {};
+struct Malformed {};
 
-std::uint32_t bigEndian(const std::uint8_t* bytes, std::size_t count) {
-  std::uint32_t value = 0;
+std::uint64_t bigEndian(const std::uint8_t* bytes, std::size_t count) {
+  std::uint64_t value = 0;
   for (std::size_t i = 0; i < count; ++i) {
     value = value << 8 | bytes[i];
   }
   return value;
 }
 
-void putString(Bytes& out, std::string_view text, bool marker = true) {
-  if (marker) {
-    out.push_back(0x02);
+void putInteger(Bytes& out, std::uint64_t value, std::size_t size) {
+  for (std::size_t i = size; i > 0; --i) {
+    out.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
   }
-  out.push_back(static_cast<std::uint8_t>(text.size() >> 8));
-  out.push_back(static_cast<std::uint8_t>(text.size()));
+}
+
+void putString(Bytes& out, std::string_view text, bool marker = true) {
+  out.insert(out.end(), marker ? 1 : 0, 0x02);
+  putInteger(out, text.size(), 2);
   out.insert(out.end(), text.begin(), text.end());
 }
 
 void putNumber(Bytes& out, double number) {
   out.push_back(0x00);
-  const auto bits = std::bit_cast<std::uint64_t>(number);
-  for (int shift = 56; shift >= 0; shift -= 8) {
-    out.push_back(static_cast<std::uint8_t>(bits >> shift));
-  }
+  putInteger(out, std::bit_cast<std::uint64_t>(number), 8);
 }
 
 /// {"level": …, "code": …, "description": …}
@@ -68,6 +59,18 @@ void putInfo(Bytes& out, const char* level, const char* code) {
   out.insert(out.end(), {0, 0, 9});
 }
 
+/// The command that a message is; empty when it is none.
+std::string commandOf(const WireMessage& message) {
+  if (message.type != 20 || message.body.size() <= 3) {
+    return "";
+  }
+  const auto length = bigEndian(message.body.data() + 1, 2);
+  if (message.body.size() < 3 + length + 9) {
+    throw Malformed{};  // A command without a transaction.
+  }
+  return {reinterpret_cast<const char*>(message.body.data()) + 3, length};
+}
+
 }  // namespace
 
 struct WireServer::Client {
@@ -78,7 +81,7 @@ struct WireServer::Client {
     while (count > 0) {
       const auto got = ::recv(descriptor, to, count, 0);
       if (got <= 0) {
-        throw ConnectionOver("closed by the client");
+        throw ConnectionOver{};
       }
       to += got;
       count -= static_cast<std::size_t>(got);
@@ -92,7 +95,7 @@ struct WireServer::Client {
   std::uint32_t readNumber(std::size_t bytes) {
     std::array<std::uint8_t, 4> raw{};
     read(raw.data(), bytes);
-    return bigEndian(raw.data(), bytes);
+    return static_cast<std::uint32_t>(bigEndian(raw.data(), bytes));
   }
   void write(const Bytes& bytes) {
     const std::lock_guard lock(writing);
@@ -100,29 +103,21 @@ struct WireServer::Client {
   }
   void writeMessage(std::uint8_t chunkStream, std::uint8_t type, std::uint32_t streamId, const Bytes& body) {
     Bytes out{chunkStream, 0, 0, 0};
-    out.push_back(static_cast<std::uint8_t>(body.size() >> 16));
-    out.push_back(static_cast<std::uint8_t>(body.size() >> 8));
-    out.push_back(static_cast<std::uint8_t>(body.size()));
+    putInteger(out, body.size(), 3);
     out.push_back(type);
-    for (int i = 0; i < 4; ++i) {
-      out.push_back(static_cast<std::uint8_t>(streamId >> (8 * i)));
-    }
+    putInteger(out, __builtin_bswap32(streamId), 4);
     for (std::size_t at = 0; at < body.size(); at += 128) {
       if (at > 0) {
         out.push_back(static_cast<std::uint8_t>(0xC0 | chunkStream));
       }
-      out.insert(out.end(), body.begin() + static_cast<std::ptrdiff_t>(at),
-                 body.begin() + static_cast<std::ptrdiff_t>(std::min(at + 128, body.size())));
+      out.insert(out.end(), &body[at], &body[at] + std::min<std::size_t>(128, body.size() - at));
     }
     write(out);
   }
 
-  void reset() {
-    const sockaddr nobody{AF_UNSPEC, {}};
-    (void)::connect(descriptor, &nobody, sizeof nobody);
-  }
-
   void handshake(WireFault fault);
+  /// Says what a server says to such a command.
+  void answer(const WireMessage& message, WireFault fault);
   /// The next whole message.
   WireMessage nextMessage();
 
@@ -141,10 +136,10 @@ struct WireServer::Client {
 
 void WireServer::Client::handshake(WireFault fault) {
   if (readByte() != 3) {
-    throw Malformed("not RTMP version 3");
+    throw Malformed{};
   }
   if (fault == WireFault::CloseInHandshake) {
-    throw ConnectionOver("as the test wants");
+    throw ConnectionOver{};
   }
   Bytes c1(kHandshakeSize);
   read(c1.data(), c1.size());
@@ -153,18 +148,16 @@ void WireServer::Client::handshake(WireFault fault) {
     while (::poll(&hangUp, 1, 20) == 0) {
       write({3});
     }
-    throw ConnectionOver("as the test wants");
-  }
-  if (fault == WireFault::Garbage) {
-    std::mt19937 random(7);
-    Bytes noise(1 + 2 * kHandshakeSize + 4096);
-    std::generate(noise.begin(), noise.end(), [&] { return static_cast<std::uint8_t>(random()); });
-    write(noise);
-    return;
+    throw ConnectionOver{};
   }
   Bytes answer{3};
   answer.resize(1 + kHandshakeSize, 0x5A);
   answer.insert(answer.end(), c1.begin(), c1.end());
+  if (fault == WireFault::Garbage) {
+    std::mt19937 random(7);
+    answer.resize(answer.size() + 4096);
+    std::generate(answer.begin(), answer.end(), [&] { return static_cast<std::uint8_t>(random()); });
+  }
   write(answer);
   Bytes c2(kHandshakeSize);
   read(c2.data(), c2.size());
@@ -173,18 +166,15 @@ void WireServer::Client::handshake(WireFault fault) {
 WireMessage WireServer::Client::nextMessage() {
   for (;;) {
     const auto basic = readByte();
-    std::uint32_t id = basic & 0x3F;
-    if (id == 0) {
-      id = 64 + readByte();
-    } else if (id == 1) {
-      const auto low = readByte();
-      id = 64U + low + 256U * readByte();
+    const std::uint32_t id = basic & 0x3F;
+    if (id < 2) {
+      throw Malformed{};  // An id of two or three bytes, which no publisher of ours needs.
     }
     const auto headerType = static_cast<std::uint8_t>(basic >> 6);
     auto& channel = channels[id];
     const bool begins = !channel.partial;
     if (!begins && headerType != 3) {
-      throw Malformed("a message begins inside another one");
+      throw Malformed{};
     }
     if (headerType <= 2) {
       channel.field = readNumber(3);
@@ -195,17 +185,14 @@ WireMessage WireServer::Client::nextMessage() {
       channel.type = readByte();
     }
     if (headerType == 0) {
-      channel.streamId = 0;
-      for (int i = 0; i < 4; ++i) {
-        channel.streamId |= std::uint32_t{readByte()} << (8 * i);
-      }
+      channel.streamId = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
     }
     if (channel.extended) {
       const auto value = readNumber(4);
       if (headerType <= 2) {
         channel.field = value;
       } else if (value != channel.field) {
-        throw Malformed("a continued chunk repeats another extended timestamp");
+        throw Malformed{};
       }
     }
     if (begins) {
@@ -223,52 +210,24 @@ WireMessage WireServer::Client::nextMessage() {
       auto whole = std::move(message);
       channel.partial.reset();
       if (whole.type == 1 && whole.body.size() == 4) {
-        chunkSize = bigEndian(whole.body.data(), 4);
+        chunkSize = static_cast<std::uint32_t>(bigEndian(whole.body.data(), 4));
       }
       return whole;
     }
   }
 }
 
-WireServer::WireServer() : WireServer(Options{}) {}
-
-WireServer::WireServer(const Options& options) : options_(options), fault_(options.fault) {
-  listener_ = ::socket(options.ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (options.receiveBufferBytes > 0) {
-    ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &options.receiveBufferBytes, sizeof options.receiveBufferBytes);
+WireServer::WireServer(WireFault fault, int receiveBuffer, int family)
+    : listener_(family), host_(family == AF_INET6 ? "[::1]" : "127.0.0.1"), fault_(fault) {
+  if (receiveBuffer > 0) {
+    ::setsockopt(listener_.descriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   }
-  sockaddr_storage address{};
-  socklen_t length = 0;
-  if (options.ipv6) {
-    auto& six = reinterpret_cast<sockaddr_in6&>(address);
-    six.sin6_family = AF_INET6;
-    six.sin6_addr = in6addr_loopback;
-    length = sizeof six;
-  } else {
-    auto& four = reinterpret_cast<sockaddr_in&>(address);
-    four.sin_family = AF_INET;
-    four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    length = sizeof four;
-  }
-  if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    if (listener_ >= 0) {
-      ::close(std::exchange(listener_, -1));
-    }
-    return;
-  }
-  port_ = ntohs(options.ipv6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                             : reinterpret_cast<sockaddr_in&>(address).sin_port);
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
 WireServer::~WireServer() {
-  ending_ = true;
-  if (acceptor_.joinable()) {
-    ::shutdown(listener_, SHUT_RDWR);
-    acceptor_.join();
-    ::close(listener_);
-  }
+  ::shutdown(listener_.descriptor(), SHUT_RDWR);
+  acceptor_.join();
   cut();
   for (const auto& client : clients_) {
     client->thread.join();
@@ -276,13 +235,12 @@ WireServer::~WireServer() {
 }
 
 std::string WireServer::url(const std::string& name) const {
-  return std::string("rtmp://") + (options_.ipv6 ? "[::1]" : "127.0.0.1") + ":" + std::to_string(port_) + "/live/" +
-         name;
+  return "rtmp://" + host_ + ":" + std::to_string(port()) + "/live/" + name;
 }
 
 void WireServer::acceptLoop() {
-  while (!ending_) {
-    const int descriptor = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  for (;;) {
+    const int descriptor = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
     if (descriptor < 0) {
       return;
     }
@@ -307,97 +265,70 @@ void WireServer::acceptLoop() {
 
 void WireServer::serve(Client& client) {
   const WireFault fault = fault_;
-  if (fault == WireFault::Silent) {
-    std::uint8_t byte = 0;
-    for (;;) {
-      client.read(&byte, 1);
-    }
+  while (fault == WireFault::Silent) {
+    client.readByte();
   }
   client.handshake(fault);
-  std::size_t mediaSeen = 0;
-  for (;;) {
-    if (mediaSeen >= options_.faultAfter && fault == WireFault::StopReading) {
+  for (std::size_t mediaSeen = 0;;) {
+    if (mediaSeen >= 3 && fault == WireFault::StopReading) {
       pollfd hangUp{client.descriptor, 0, 0};
       ::poll(&hangUp, 1, -1);  // Nothing is read; only the end of the connection is seen.
-      throw ConnectionOver("as the test wants");
+      throw ConnectionOver{};
     }
-    if (mediaSeen >= options_.faultAfter && fault == WireFault::CloseMidMessage) {
+    if (mediaSeen >= 3 && fault == WireFault::CloseMidMessage) {
       client.readNumber(3);
-      throw ConnectionOver("as the test wants");
+      throw ConnectionOver{};
     }
-    auto message = client.nextMessage();
-    const bool isCommand = message.type == 20 && message.body.size() > 3;
+    const auto message = client.nextMessage();
     mediaSeen += message.type == 8 || message.type == 9 ? 1 : 0;
-    std::string name;
-    double transaction = 0;
-    if (isCommand) {
-      const auto length = bigEndian(message.body.data() + 1, 2);
-      if (message.body.size() < 3 + length + 9) {
-        throw Malformed("a command without a transaction");
-      }
-      name.assign(reinterpret_cast<const char*>(message.body.data()) + 3, length);
-      std::uint64_t bits = 0;
-      for (int i = 0; i < 8; ++i) {
-        bits = bits << 8 | message.body[3 + length + 1 + static_cast<std::size_t>(i)];
-      }
-      transaction = std::bit_cast<double>(bits);
-    }
-    add(std::move(message));
-    if (!isCommand) {
-      continue;
-    }
-    {
-      const std::lock_guard lock(mutex_);
-      commands_.push_back(name);
-    }
-    note();
-    Bytes answer;
-    if (name == "connect") {
-      if (fault == WireFault::ResetAfterConnect) {
-        add(client.nextMessage());  // The chunk size, which the client sends before it waits for the answer.
-      }
-      const bool refuse = fault == WireFault::RefuseConnect;
-      putString(answer, refuse ? "_error" : "_result");
-      putNumber(answer, transaction);
-      answer.push_back(0x05);
-      putInfo(answer, refuse ? "error" : "status",
-              refuse ? "NetConnection.Connect.Rejected" : "NetConnection.Connect.Success");
-      client.writeMessage(3, 20, 0, answer);
-      if (fault == WireFault::ResetAfterConnect) {
-        client.reset();
-        throw ConnectionOver("as the test wants");
-      }
-    } else if (name == "createStream") {
-      if (fault == WireFault::CloseAfterConnect) {
-        throw ConnectionOver("as the test wants");
-      }
-      if (fault == WireFault::SilentAfterConnect) {
-        continue;
-      }
-      putString(answer, "_result");
-      putNumber(answer, transaction);
-      answer.push_back(0x05);
-      putNumber(answer, 1);
-      client.writeMessage(3, 20, 0, answer);
-    } else if (name == "publish") {
-      const bool refuse = fault == WireFault::RefusePublish;
-      putString(answer, "onStatus");
-      putNumber(answer, 0);
-      answer.push_back(0x05);
-      putInfo(answer, refuse ? "error" : "status", refuse ? "NetStream.Publish.BadName" : "NetStream.Publish.Start");
-      client.writeMessage(5, 20, 1, answer);
-    }
+    note(&message);
+    client.answer(message, fault);
   }
 }
 
-void WireServer::add(WireMessage message) {
-  const std::lock_guard lock(mutex_);
-  messages_.push_back(std::move(message));
-  changed_.notify_all();
+void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
+  const auto name = commandOf(message);
+  const auto reply = [&](const char* what) {
+    Bytes body;
+    putString(body, what);
+    const auto* transaction = message.body.data() + 3 + name.size() + 1;
+    putNumber(body, name == "publish" ? 0 : std::bit_cast<double>(bigEndian(transaction, 8)));
+    body.push_back(0x05);
+    return body;
+  };
+  if (name == "connect") {
+    if (fault == WireFault::ResetAfterConnect) {
+      nextMessage();  // The chunk size, which the client sends before it waits for the answer.
+    }
+    const bool refuse = fault == WireFault::RefuseConnect;
+    Bytes body = reply(refuse ? "_error" : "_result");
+    putInfo(body, refuse ? "error" : "status",
+            refuse ? "NetConnection.Connect.Rejected" : "NetConnection.Connect.Success");
+    writeMessage(3, 20, 0, body);
+    if (fault == WireFault::ResetAfterConnect) {
+      const sockaddr nobody{AF_UNSPEC, {}};
+      (void)::connect(descriptor, &nobody, sizeof nobody);
+      throw ConnectionOver{};
+    }
+  } else if (name == "createStream" && fault == WireFault::CloseAfterConnect) {
+    throw ConnectionOver{};
+  } else if (name == "createStream" && fault != WireFault::SilentAfterConnect) {
+    Bytes body = reply("_result");
+    putNumber(body, 1);
+    writeMessage(3, 20, 0, body);
+  } else if (name == "publish") {
+    const bool refuse = fault == WireFault::RefusePublish;
+    Bytes body = reply("onStatus");
+    putInfo(body, refuse ? "error" : "status", refuse ? "NetStream.Publish.BadName" : "NetStream.Publish.Start");
+    writeMessage(5, 20, 1, body);
+  }
 }
 
-void WireServer::note() {
+void WireServer::note(const WireMessage* message) {
   const std::lock_guard lock(mutex_);
+  if (message != nullptr) {
+    messages_.push_back(*message);
+  }
   changed_.notify_all();
 }
 
@@ -413,8 +344,12 @@ std::vector<WireMessage> WireServer::media() const {
 }
 
 std::vector<std::string> WireServer::commands() const {
-  const std::lock_guard lock(mutex_);
-  return commands_;
+  std::vector<std::string> names;
+  for (const auto& message : messages()) {
+    names.push_back(commandOf(message));
+  }
+  std::erase(names, "");
+  return names;
 }
 
 bool WireServer::waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit) {
@@ -432,17 +367,8 @@ bool WireServer::waitUntil(const std::function<bool()>& holds, std::chrono::mill
   }
 }
 
-bool WireServer::waitForMedia(std::size_t count, std::chrono::milliseconds limit) {
-  return waitUntil([&] { return media().size() >= count; }, limit);
-}
-
-void WireServer::ping(std::uint32_t stamp) {
-  const std::lock_guard lock(mutex_);
-  for (const auto& client : clients_) {
-    client->writeMessage(2, 4, 0,
-                         {0, 6, static_cast<std::uint8_t>(stamp >> 24), static_cast<std::uint8_t>(stamp >> 16),
-                          static_cast<std::uint8_t>(stamp >> 8), static_cast<std::uint8_t>(stamp)});
-  }
+bool WireServer::waitForMedia(std::size_t count) {
+  return waitUntil([&] { return media().size() >= count; });
 }
 
 void WireServer::inject(const std::vector<std::uint8_t>& bytes) {

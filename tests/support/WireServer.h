@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Sockets.h"
+
 namespace zellive::test {
 
 /// One message as it came over the wire.
@@ -38,30 +40,21 @@ enum class WireFault {
   SilentAfterConnect,  ///< Answers connect, then nothing more.
   RefuseConnect,       ///< NetConnection.Connect.Rejected.
   RefusePublish,       ///< NetStream.Publish.BadName.
-  CloseMidMessage,     ///< Closes when `faultAfter` media messages and a piece of one more have come.
-  StopReading,         ///< Stops reading after `faultAfter` media messages.
+  CloseMidMessage,     ///< Closes when three media messages and a piece of one more have come.
+  StopReading,         ///< Stops reading after three media messages.
 };
 
 /// A small RTMP server on a free loopback port which takes published streams apart chunk by chunk (Adobe's RTMP
 /// specification 1.0, chapter 5), each connection on a thread of its own.
 class WireServer {
  public:
-  struct Options {
-    WireFault fault = WireFault::None;
-    std::size_t faultAfter = 3;
-    bool ipv6 = false;
-    int receiveBufferBytes = 0;  ///< 0: the system's.
-  };
-
-  WireServer();
-  explicit WireServer(const Options& options);
+  /// With a receive buffer of that many bytes; 0: the system's. Throws std::runtime_error where there is no IPv6.
+  explicit WireServer(WireFault fault = WireFault::None, int receiveBuffer = 0, int family = AF_INET);
   ~WireServer();
   WireServer(const WireServer&) = delete;
   WireServer& operator=(const WireServer&) = delete;
 
-  /// False where the address family is not to be had.
-  [[nodiscard]] bool listening() const { return listener_ >= 0; }
-  [[nodiscard]] std::uint16_t port() const { return port_; }
+  [[nodiscard]] std::uint16_t port() const { return listener_.port(); }
   /// "rtmp://127.0.0.1:PORT/live/NAME"
   [[nodiscard]] std::string url(const std::string& name = "stream") const;
 
@@ -78,12 +71,10 @@ class WireServer {
   [[nodiscard]] bool wellFormed() const { return wellFormed_; }
   /// Waits until the predicate holds; looked at after each message, connection and close. False after `limit`.
   bool waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit = std::chrono::seconds(10));
-  bool waitForMedia(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10));
+  bool waitForMedia(std::size_t count);
   /// Connections that have ended, by whomever.
   [[nodiscard]] std::size_t closed() const { return closed_; }
 
-  /// Sends a user control ping request on every open connection.
-  void ping(std::uint32_t stamp);
   /// Sends these bytes as they are on every open connection.
   void inject(const std::vector<std::uint8_t>& bytes);
   /// Cuts every open connection.
@@ -93,23 +84,19 @@ class WireServer {
   struct Client;
   void acceptLoop();
   void serve(Client& client);
-  void add(WireMessage message);
-  void note();
+  void note(const WireMessage* message = nullptr);
 
-  const Options options_;
+  const LoopbackListener listener_;
+  const std::string host_;
   std::atomic<WireFault> fault_;
-  int listener_ = -1;
-  std::uint16_t port_ = 0;
   std::thread acceptor_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::unique_ptr<Client>> clients_;
   std::vector<WireMessage> messages_;
-  std::vector<std::string> commands_;
   std::atomic<std::size_t> accepted_{0};
   std::atomic<std::size_t> closed_{0};
   std::atomic<bool> wellFormed_{true};
-  std::atomic<bool> ending_{false};
 };
 
 }  // namespace zellive::test

@@ -1,23 +1,14 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/WireServer.h"
-#include "tests/transport/Frames.h"
-#include "zellive/session/ZelLiveStreamInfo.h"
+#include "tests/transport/Fixtures.h"
 #include "zellive/transport/HostResolver.h"
-#include "zellive/transport/ZelStreamRtmpSocket.h"
 
 // Servers and networks that misbehave, against the whole publisher on real queues.
 
@@ -29,89 +20,50 @@ using namespace std::chrono_literals;
 /// The most that stopping may take, in any state.
 constexpr auto kStopLimit = 2s;
 
-struct Reports : ZelStreamSocketDelegate {
-  void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { note("status " + std::to_string(status)); }
-  void socketRequestNewUrl(ZelStreamRtmpSocket&) override { note("url"); }
-  void note(const std::string& event) {
-    const std::lock_guard lock(mutex);
-    events.push_back(event);
-    changed.notify_all();
-  }
-  bool waitFor(const std::string& event, std::size_t times = 1) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(
-        lock, 20s, [&] { return static_cast<std::size_t>(std::count(events.begin(), events.end(), event)) >= times; });
-  }
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> events;
-};
-
-/// A port that swallows connection requests: its queue of one is full.
-class BlackHole {
- public:
-  BlackHole() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(listener_, any, length), 0);
-    EXPECT_EQ(::listen(listener_, 0), 0);
-    EXPECT_EQ(::getsockname(listener_, any, &length), 0);
-    for (int& client : clients_) {
-      client = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-      ::connect(client, any, length);
-    }
-    port = ntohs(address.sin_port);
-  }
-  ~BlackHole() {
-    ::close(listener_);
-    for (const int client : clients_) {
-      ::close(client);
-    }
-  }
-  BlackHole(const BlackHole&) = delete;
-  BlackHole& operator=(const BlackHole&) = delete;
-
-  std::uint16_t port = 0;
-
- private:
-  int listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  int clients_[3]{};
+/// A port that swallows connection requests: its queue is full.
+struct BlackHole {
+  ~BlackHole() { ::close(client); }
+  [[nodiscard]] std::string url() const { return "rtmp://127.0.0.1:" + std::to_string(listener.port()) + "/live/key"; }
+  const LoopbackListener listener{AF_INET, 0};
+  const int client = connectToLoopback(listener.port());
 };
 
 class Faults : public ::testing::Test {
  protected:
+  /// Publishes some megabytes of pictures there; the log begins anew.
   void publish(const std::string& url, const RtmpOptions& limits) {
-    auto info = std::make_shared<ZelLiveStreamInfo>();
-    info->setUrl(url);
+    log = nullptr;
+    log = std::make_unique<LogCapture>();
+    reports = std::make_shared<Reports>();
     socket = ZelStreamRtmpSocket::create(
-        info, 1, 3, defaultPlatform(),
+        streamAt(url), 1, 3, defaultPlatform(),
         [limits](const RtmpOptions&, const std::shared_ptr<const Platform>& platform,
                  const std::shared_ptr<Queue>& queue) { return makeLibrtmpConnection(limits, platform, queue); });
-    reports = std::make_shared<Reports>();
     socket->setDelegate(reports);
     socket->start();
-  }
-  /// Queues some megabytes of pictures.
-  void sendMuch() {
     for (std::uint64_t i = 0; i < 300; ++i) {
       socket->sendFrame(video(i * 40, {i % 50 == 0, Bytes(32 * 1024)}));
     }
   }
-  /// Brief limits, for finding out what happens when they are over.
-  static RtmpOptions brief() {
+  void stop() {
+    socket->stop();
+    EXPECT_TRUE(socket->waitUntilStopped(kStopLimit));
+  }
+  static RtmpOptions limits(std::chrono::seconds receive, std::chrono::milliseconds setup,
+                            std::chrono::milliseconds others, std::uint32_t sendBuffer) {
     RtmpOptions limits;
-    limits.receiveLimit = 1s;
-    limits.connectLimit = 300ms;
-    limits.setupLimit = 500ms;
-    limits.sendLimit = 300ms;
-    limits.sendBufferBytes = 16 * 1024;
+    limits.receiveLimit = receive;
+    limits.setupLimit = setup;
+    limits.connectLimit = limits.sendLimit = others;
+    limits.sendBufferBytes = sendBuffer;
     return limits;
   }
+  std::size_t errors(const std::string& text) const { return log->count(LogLevel::Error, text); }
 
-  std::unique_ptr<LogCapture> log = std::make_unique<LogCapture>();
+  /// Brief ones, for finding out what happens when they are over.
+  const RtmpOptions brief = limits(1s, 500ms, 300ms, 16 * 1024);
+  const RtmpOptions patient = limits(60s, 60s, 60s, 64 * 1024);
+  std::unique_ptr<LogCapture> log;
   std::shared_ptr<Reports> reports;
   std::shared_ptr<ZelStreamRtmpSocket> socket;
 };
@@ -140,73 +92,53 @@ TEST_F(Faults, EachEndsInAReasonAndInAnotherAttempt) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.reason);
-    WireServer server({.fault = c.fault, .receiveBufferBytes = 16 * 1024});
-    log = nullptr;
-    log = std::make_unique<LogCapture>();
-    publish(server.url(), brief());
-    sendMuch();
+    WireServer server(c.fault, 16 * 1024);
+    publish(server.url(), brief);
     ASSERT_TRUE(reports->waitFor("url"));
     const bool setUp = *c.step != 0;
-    EXPECT_EQ(log->count(LogLevel::Error, std::string("Live: ") + c.step + "() failed"), setUp ? 1U : 0U);
+    EXPECT_EQ(errors(std::string("Live: ") + c.step + "() failed"), setUp ? 1U : 0U);
     if (c.fault == WireFault::CloseMidMessage) {  // Seen by whichever comes first, the send or the watch.
-      EXPECT_EQ(log->count(LogLevel::Error, "Live: RTMP connect error -8") +
-                    log->count(LogLevel::Error, "Live: RTMP connect error -7"),
-                1U);
+      EXPECT_EQ(errors("Live: RTMP connect error -8") + errors("Live: RTMP connect error -7"), 1U);
     } else {
-      const std::string line = "Live: RTMP connect error " + std::to_string(c.code) + " message ";
-      EXPECT_EQ(log->count(LogLevel::Error, line), 1U);
-      EXPECT_EQ(log->count(LogLevel::Error, c.reason), 1U);
+      EXPECT_EQ(errors("Live: RTMP connect error " + std::to_string(c.code) + " message "), 1U);
+      EXPECT_EQ(errors(c.reason), 1U);
     }
     if (!setUp || c.fault == WireFault::RefusePublish) {
       server.setFault(WireFault::None);
       EXPECT_TRUE(reports->waitFor("status 5"));
       EXPECT_TRUE(reports->waitFor("status 2", setUp ? 1 : 2)) << "a server that has recovered gets the stream";
     }
-    socket->stop();
-    EXPECT_TRUE(socket->waitUntilStopped(kStopLimit));
+    stop();
     EXPECT_TRUE(server.wellFormed());
-    socket.reset();
-  }
-}
-
-TEST_F(Faults, ASilentServerIsGivenUpAfterTheReceiveLimit) {
-  WireServer server({.fault = WireFault::Silent});
-  auto limits = brief();
-  limits.setupLimit = 20s;
-  const std::string address = server.url().substr(server.url().find(':'));
-  for (const std::string scheme : {"rtmp", "rtmps"}) {
-    publish(scheme + address, limits);
-    ASSERT_TRUE(reports->waitFor("url"));
-    EXPECT_EQ(log->count(LogLevel::Error, "said nothing for 1 s: is it an RTMP server?"), 1U) << scheme;
-    socket.reset();
-    log = nullptr;
-    log = std::make_unique<LogCapture>();
   }
 }
 
 TEST_F(Faults, HostsThatCannotBeReached) {
-  std::uint16_t closedPort = 0;
-  { closedPort = WireServer().port(); }
   const BlackHole hole;
   const WireServer plain;
+  const WireServer silent(WireFault::Silent);
+  const auto onlyReceiving = limits(1s, 20s, 300ms, 16 * 1024);
   struct Case {
     std::string url;
+    const RtmpOptions& limits;
     const char* reason;
   };
+  const auto there = [](std::uint16_t port) { return "://127.0.0.1:" + std::to_string(port) + "/live/key"; };
   const std::vector<Case> cases{
-      {"rtmp://127.0.0.1:" + std::to_string(closedPort) + "/live/key", "error -3 message cannot connect to 127.0.0.1"},
-      {"rtmp://127.0.0.1:" + std::to_string(hole.port) + "/live/key", "timed out"},
-      {"rtmps://127.0.0.1:" + std::to_string(plain.port()) + "/live/key", "did not agree to a secure connection"},
-      {"rtmp://host.invalid/live/key", "error -2 message cannot find the host host.invalid"},
-      {"rtmp://127.0.0.1/nothing", "error -1 message the URL names no application and stream"},
+      {"rtmp" + there(freePort()), brief, "error -3 message cannot connect to 127.0.0.1"},
+      {hole.url(), brief, "timed out"},
+      {"rtmps" + there(plain.port()), brief, "did not agree to a secure connection"},
+      {"rtmp://host.invalid/live/key", brief, "error -2 message cannot find the host host.invalid"},
+      {"rtmp://127.0.0.1/nothing", brief, "error -1 message the URL names no application and stream"},
+      {"rtmp" + there(silent.port()), onlyReceiving, "said nothing for 1 s: is it an RTMP server?"},
+      {"rtmps" + there(silent.port()), onlyReceiving, "said nothing for 1 s: is it an RTMP server?"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
-    publish(c.url, brief());
+    publish(c.url, c.limits);
     ASSERT_TRUE(reports->waitFor("url"));
-    EXPECT_EQ(log->count(LogLevel::Error, c.reason), 1U);
-    socket->stop();
-    EXPECT_TRUE(socket->waitUntilStopped(kStopLimit));
+    EXPECT_EQ(errors(c.reason), 1U);
+    stop();
   }
 }
 
@@ -215,38 +147,26 @@ TEST_F(Faults, StoppingAndLettingGoEndEveryState) {
   struct Case {
     const char* name;
     WireFault fault;
-    bool unreachable;
     std::function<bool(WireServer&)> entered;
   };
   const std::vector<Case> cases{
-      {"connecting", WireFault::None, true, [this](WireServer&) { return reports->waitFor("status 1"); }},
-      {"handshaking", WireFault::Silent, false,
+      {"connecting", WireFault::None, [this](WireServer&) { return reports->waitFor("status 1"); }},
+      {"handshaking", WireFault::Silent,
        [](WireServer& s) { return s.waitUntil([&] { return s.connections() == 1; }); }},
-      {"opening the stream", WireFault::SilentAfterConnect, false,
+      {"opening the stream", WireFault::SilentAfterConnect,
        [](WireServer& s) { return s.waitUntil([&] { return s.commands().size() == 4; }); }},
-      {"sending", WireFault::StopReading, false, [](WireServer& s) { return s.waitForMedia(3); }},
-      {"connected", WireFault::None, false, [](WireServer& s) { return s.waitForMedia(200); }},
+      {"sending", WireFault::StopReading, [](WireServer& s) { return s.waitForMedia(3); }},
+      {"connected", WireFault::None, [](WireServer& s) { return s.waitForMedia(200); }},
   };
   for (const bool lettingGo : {false, true}) {
     for (const auto& c : cases) {
       SCOPED_TRACE(std::string(c.name) + (lettingGo ? ", letting go" : ", stopping"));
-      log = nullptr;
-      log = std::make_unique<LogCapture>();
-      WireServer server({.fault = c.fault, .receiveBufferBytes = 16 * 1024});
-      const std::string url =
-          c.unreachable ? "rtmp://127.0.0.1:" + std::to_string(hole.port) + "/live/key" : server.url();
-      RtmpOptions patient;
-      patient.receiveLimit = 60s;
-      patient.connectLimit = 60s;
-      patient.setupLimit = 60s;
-      patient.sendLimit = 60s;
-      publish(url, patient);
-      sendMuch();
+      WireServer server(c.fault, 16 * 1024);
+      publish(&c == cases.data() ? hole.url() : server.url(), patient);
       ASSERT_TRUE(c.entered(server));
       const std::string gone = "Live: dealloc " + describeObject("ZelStreamRtmpSocket", socket.get());
       if (!lettingGo) {
-        socket->stop();
-        EXPECT_TRUE(socket->waitUntilStopped(kStopLimit));
+        stop();
         EXPECT_TRUE(reports->waitFor("status 3"));
       }
       socket.reset();
@@ -254,7 +174,7 @@ TEST_F(Faults, StoppingAndLettingGoEndEveryState) {
       // A server that reads nothing sees no end that was announced before its window closed.
       EXPECT_TRUE(c.fault == WireFault::StopReading ||
                   server.waitUntil([&] { return server.closed() == server.connections(); }, kStopLimit));
-      EXPECT_EQ(log->count(LogLevel::Error, "Live: RTMP"), 0U);
+      EXPECT_EQ(errors("Live: RTMP"), 0U);
     }
   }
 }

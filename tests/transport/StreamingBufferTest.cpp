@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/support/ManualPlatform.h"
-#include "tests/transport/Frames.h"
+#include "tests/transport/Fixtures.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 
@@ -23,7 +23,7 @@ std::shared_ptr<const ZelFrame> makeFrame(char kind, std::uint64_t timestamp) {
   return kind == 'A' ? audio(timestamp) : video(timestamp, {kind == 'K'});
 }
 
-struct Reports : ZelStreamingBufferDelegate {
+struct BufferReports : ZelStreamingBufferDelegate {
   void streamingBufferState(ZelStreamingBuffer&, ZelStreamingBufferState state) override { states.push_back(state); }
   void streamingBufferCount(ZelStreamingBuffer&, std::uint64_t count) override { counts.push_back(count); }
   std::vector<ZelStreamingBufferState> states;
@@ -63,7 +63,7 @@ class StreamingBuffer : public ::testing::Test {
 
   ManualPlatform manual;
   LogCapture log;
-  std::shared_ptr<Reports> reports = std::make_shared<Reports>();
+  std::shared_ptr<BufferReports> reports = std::make_shared<BufferReports>();
   std::shared_ptr<ZelStreamingBuffer> buffer;
 };
 
@@ -72,16 +72,15 @@ TEST_F(StreamingBuffer, SizesItselfByMemoryAndRates) {
     double gigabytes;
     std::uint64_t audioRate, videoRate, expected;
   };
-  const std::vector<Case> cases{
-      {0.99, 96000, 800000, 6034},
-      {1.0, 96000, 800000, 12068},
-      {2.5, 96000, 800000, 24137},
-      {3.9, 96000, 800000, 36205},
-      {4.0, 96000, 800000, 60342},
-      {0.5, 9600000, 800000000, 750},
-      {4.0, 0, 0, 750},
-  };
-  for (const auto& c : cases) {
+  for (const Case& c : std::vector<Case>{
+           {0.99, 96000, 800000, 6034},
+           {1.0, 96000, 800000, 12068},
+           {2.5, 96000, 800000, 24137},
+           {3.9, 96000, 800000, 36205},
+           {4.0, 96000, 800000, 60342},
+           {0.5, 9600000, 800000000, 750},
+           {4.0, 0, 0, 750},
+       }) {
     SCOPED_TRACE(std::to_string(c.gigabytes) + " GB, video " + std::to_string(c.videoRate));
     manual.device->memory = static_cast<std::uint64_t>(c.gigabytes * (1 << 30));
     auto audio = std::make_shared<ZelLiveAudioConfiguration>();
@@ -219,10 +218,7 @@ TEST_F(StreamingBuffer, TellsHowLongTheQueueHasBeenGrowing) {
   grow(119);
   EXPECT_EQ(posted.back(), 115);
   reports->counts.clear();
-  grow(1);
-  EXPECT_EQ(posted.back(), 120);
-  EXPECT_EQ(reports->counts.size(), 1U);
-  grow(5);
+  grow(6);
   EXPECT_EQ(posted.back(), 125);
   EXPECT_EQ(reports->counts.size(), 6U) << "every second from 120 s on";
   buffer.reset();
@@ -234,28 +230,23 @@ TEST(FrameList, KeepsOrderThroughWrappingAndRemoval) {
   ZelFrameList list;
   std::vector<std::uint64_t> model;
   std::mt19937 random(3);
-  std::uint64_t next = 0;
-  for (int step = 0; step < 20000; ++step) {
+  for (std::uint64_t step = 1; step < 5000; ++step) {
     const auto choice = random() % 16;
     if (choice < 9) {
-      list.addObject(makeFrame('A', ++next));
-      model.push_back(next);
+      list.addObject(makeFrame('A', step));
+      model.push_back(step);
     } else if (choice < 15) {
       const auto frame = list.popFirstObject();
-      ASSERT_EQ(frame == nullptr, model.empty());
-      if (frame) {
-        ASSERT_EQ(frame->timestamp, model.front());
-        model.erase(model.begin());
-      }
+      ASSERT_EQ(frame ? frame->timestamp : 0, model.empty() ? 0 : model.front());
+      model.erase(model.begin(), model.begin() + (model.empty() ? 0 : 1));
     } else {
       std::vector<std::size_t> indices;
       for (std::size_t i = 0; i < model.size(); i += 1 + random() % 5) {
         indices.push_back(i);
+        model[i] = 0;
       }
       list.removeObjectsAtIndices(indices);
-      for (auto i = indices.rbegin(); i != indices.rend(); ++i) {
-        model.erase(model.begin() + static_cast<std::ptrdiff_t>(*i));
-      }
+      std::erase(model, 0);
     }
     ASSERT_EQ(list.count(), model.size());
     for (std::size_t i = 0; i < model.size(); ++i) {
