@@ -1,4 +1,4 @@
-"""Finds the messages in what an RTMP client has sent (Adobe's RTMP specification 1.0, 5.2 and 5.3)."""
+"""Finds the messages in what an RTMP client has sent (Adobe RTMP 1.0, 5.2 and 5.3)."""
 
 import dataclasses
 

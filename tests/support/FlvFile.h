@@ -13,7 +13,7 @@
 
 namespace zellive::test {
 
-/// One tag of a recording (Adobe's FLV specification 10.1, E.4).
+/// One tag of a recording (Adobe FLV 10.1, E.4).
 struct FlvTag {
   enum Type : std::uint8_t { Audio = 8, Video = 9, Script = 18 };
   std::uint8_t type = 0;

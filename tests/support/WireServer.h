@@ -44,8 +44,8 @@ enum class WireFault {
   StopReading,         ///< Stops reading after three media messages.
 };
 
-/// A small RTMP server on a free loopback port which takes published streams apart chunk by chunk (Adobe's RTMP
-/// specification 1.0, chapter 5), each connection on a thread of its own.
+/// A small RTMP server on a free loopback port which takes published streams apart chunk by chunk (Adobe RTMP
+/// 1.0, chapter 5), each connection on a thread of its own.
 class WireServer {
  public:
   /// With a receive buffer of that many bytes; 0: the system's. Throws std::runtime_error where there is no IPv6.

@@ -109,8 +109,7 @@ ZelLiveVideoConfiguration::Ptr ZelLiveVideoConfiguration::defaultConfigurationFo
   return std::make_shared<ZelLiveVideoConfiguration>(quality, captureType, outputImageOrienration);
 }
 
-ZelLiveVideoConfiguration::ZelLiveVideoConfiguration(std::shared_ptr<Device> device)
-    : device_(std::move(device)) {
+ZelLiveVideoConfiguration::ZelLiveVideoConfiguration(std::shared_ptr<Device> device) : device_(std::move(device)) {
   if (!device_) {
     device_ = defaultPlatform()->device;
   }

@@ -23,7 +23,7 @@ class RtmpBody {
   std::size_t size_ = 0;
 };
 
-/// Bodies of audio and video messages: FLV tag bodies (Adobe's FLV specification 10.1, E.4.2 and E.4.3; the AVC decoder
+/// Bodies of audio and video messages: FLV tag bodies (Adobe FLV 10.1, E.4.2 and E.4.3; the AVC decoder
 /// configuration record of ISO/IEC 14496-15). Each call replaces what `body` held.
 
 /// True when the parameter sets can be packed: at least the profile and level bytes, and at most 1024 bytes in all.
@@ -34,7 +34,7 @@ void packVideoHeader(const ZelLiveVideoFrame& frame, RtmpBody& body);
 void packVideo(const ZelLiveVideoFrame& frame, RtmpBody& body);
 /// AAC sequence header.
 void packAudioHeader(const ZelLiveAudioFrame& frame, RtmpBody& body);
-/// One raw AAC access unit. The first byte says 44 kHz stereo whatever the stream is, as the FLV specification demands
+/// One raw AAC access unit. The first byte says 44 kHz stereo whatever the stream is, as FLV demands
 /// for AAC.
 void packAudio(const ZelFrame& frame, RtmpBody& body);
 

@@ -52,7 +52,7 @@ struct RtmpCallbacks {
 /// Bytes that a message's body leaves free in front of it for the largest chunk header.
 inline constexpr std::size_t kRtmpHeaderRoom = 18;
 
-/// One RTMP message (Adobe's RTMP specification 1.0, 5.3).
+/// One RTMP message (Adobe RTMP 1.0, 5.3).
 struct RtmpMessage {
   std::uint8_t headerType = 0;  ///< 0 full header, 1 without the stream id.
   std::uint8_t type = 0;
