@@ -57,10 +57,8 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
   std::uint32_t last = 0;
   for (const auto& tag : file.tags()) {
     if (tag.isMedia()) {
-      // Sound and pictures are put in order among five frames; an encoder that is further behind, on a starved machine,
-      // shows as a small step back between the two. Neither kind ever goes back by itself: see the spacing below.
-      ASSERT_GE(tag.timestamp + 200, last);
-      last = std::max(last, tag.timestamp);
+      ASSERT_GE(tag.timestamp, last);
+      last = tag.timestamp;
     }
   }
   const auto pictures = pictureTimes(file, false);
@@ -78,8 +76,7 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
     sounds.push_back(tag.timestamp);
   }
   expectSpacing(sounds, 1024 / 48.0, "sound");
-  // A slow machine takes a moment for its first picture; a lost opening key frame would cost two seconds.
-  EXPECT_NEAR(pictures.front(), sounds.front(), 500);
+  EXPECT_NEAR(pictures.front(), sounds.front(), 50);
   EXPECT_GE(std::min(pictures.back(), sounds.back()), 8950);
 }
 
@@ -110,7 +107,7 @@ TEST(SecondReceiverTest, AnotherServerTakesTheStreamAndItsMetadata) {
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
   ASSERT_TRUE(receiver.waitFor(15s));
   expectStreams(path);
-  EXPECT_GE(decodedPictures(path), 60U) << "of three seconds";
+  EXPECT_GE(decodedPictures(path), 70U) << "of three seconds";
   const std::vector<std::pair<std::string, FlvValue>> expected{
       {"duration", 0.0},           {"filesize", 0.0},
       {"width", 1280.0},           {"height", 720.0},
