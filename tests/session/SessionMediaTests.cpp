@@ -61,6 +61,30 @@ TEST_F(SessionTest, APictureWhoseSeiCameTooEarlyIsDroppedWhole) {
   EXPECT_EQ(session->handedOff.size(), 2U);
 }
 
+TEST_F(SessionTest, ALatePictureIsNotOvertakenByMoreSoundThanTheQueueSorts) {
+  connect(kPushed);
+  align();
+  for (const std::size_t pushes : {3, 5, 20}) {
+    session->handedOff.clear();
+    session->pushVideo(PixelBuffer::create(PixelFormat::Planar, 72, 128));
+    pushAudio(static_cast<int>(pushes));
+    const auto waitedFor = handedOff(ZelFrameKind::Audio);
+    EXPECT_EQ(waitedFor == pushes, pushes < 6) << "what the queue sorts is not held back";
+    manual.runPending();  // Only now is the picture encoded.
+    const auto picture = session->handedOff[waitedFor];
+    ASSERT_EQ(picture->kind(), ZelFrameKind::Video);
+    const auto younger =
+        std::count_if(session->handedOff.begin(), session->handedOff.begin() + static_cast<std::ptrdiff_t>(waitedFor),
+                      [&](auto& frame) { return frame->timestamp > picture->timestamp; });
+    EXPECT_LE(younger, 5);
+    EXPECT_GE(handedOff(ZelFrameKind::Audio), pushes) << "none is kept";
+  }
+  session->handedOff.clear();
+  session->pushVideo(PixelBuffer::create(PixelFormat::Planar, 72, 128));
+  pushAudio(100);
+  EXPECT_GE(handedOff(ZelFrameKind::Audio), 50U) << "an encoder that hangs does not silence the stream";
+}
+
 TEST_F(SessionTest, AnOddSampleRateOrChannelCountDoesNotChangeTheCountOfSamples) {
   connect(kPushed);
   auto format = session->inputAudioASBD();

@@ -126,10 +126,15 @@ void ZelHardwareVideoEncoder::encodeVideoData(std::shared_ptr<PixelBuffer> pixel
     }
     return;
   }
+  {
+    const std::lock_guard lock(mutex_);
+    inFlight_.push(timeStamp);
+  }
   encodeQueue_->async([weak = weak_from_this(), picture = std::move(pixelBuffer), timeStamp] {
     if (const auto self = weak.lock()) {
       --self->waiting_;
       self->encode(picture, timeStamp);
+      self->finishPicture();
     }
   });
 }
@@ -149,6 +154,21 @@ void ZelHardwareVideoEncoder::encode(const std::shared_ptr<PixelBuffer>& pixelBu
     return;
   }
   hasEncoded_ = true;
+}
+
+void ZelHardwareVideoEncoder::finishPicture() {
+  {
+    const std::lock_guard lock(mutex_);
+    inFlight_.pop();
+  }
+  if (const auto target = delegate()) {
+    target->videoEncoderDidFinishPicture(*this);
+  }
+}
+
+std::optional<std::uint64_t> ZelHardwareVideoEncoder::oldestPicture() const {
+  const std::lock_guard lock(mutex_);
+  return inFlight_.empty() ? std::nullopt : std::optional(inFlight_.front());
 }
 
 VideoFrameProperties ZelHardwareVideoEncoder::nextFrameProperties() {
@@ -197,11 +217,7 @@ void ZelHardwareVideoEncoder::captureParameterSets(const VideoSample& sample, Ze
 }
 
 void ZelHardwareVideoEncoder::deliverNalUnits(const Data& data, const ZelLiveVideoFrame& pattern) {
-  std::shared_ptr<ZelVideoEncodingDelegate> delegate;
-  {
-    const std::lock_guard lock(mutex_);
-    delegate = h264Delegate_.lock();
-  }
+  const auto target = delegate();
   const std::size_t total = data.length();
   std::size_t offset = 0;
   while (total - offset > kLengthSize) {
@@ -211,10 +227,10 @@ void ZelHardwareVideoEncoder::deliverNalUnits(const Data& data, const ZelLiveVid
       ZEL_LOG_ERROR("Live: the encoder gave a NAL unit of %zu bytes where %zu are left", length, total - offset);
       return;
     }
-    if (delegate && length > 0) {
+    if (target && length > 0) {
       auto frame = std::make_shared<ZelLiveVideoFrame>(pattern);
       frame->data = data.subdata(offset, length);
-      delegate->videoEncoderVideoFrame(*this, std::move(frame));
+      target->videoEncoderVideoFrame(*this, std::move(frame));
     }
     offset += length;
   }
@@ -238,6 +254,11 @@ void ZelHardwareVideoEncoder::stopEncoder() {
       }
     }
   });
+}
+
+std::shared_ptr<ZelVideoEncodingDelegate> ZelHardwareVideoEncoder::delegate() const {
+  const std::lock_guard lock(mutex_);
+  return h264Delegate_.lock();
 }
 
 void ZelHardwareVideoEncoder::setDelegate(std::weak_ptr<ZelVideoEncodingDelegate> delegate) {

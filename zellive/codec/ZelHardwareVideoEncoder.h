@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <queue>
 
 #include "zellive/platform/Platform.h"
 #include "zellive/session/ZelFrame.h"
@@ -20,6 +22,8 @@ class ZelVideoEncodingDelegate {
   /// One NAL unit, in stream order, on the thread on which the platform's encoder gives it: the encoder's queue here.
   virtual void videoEncoderVideoFrame(ZelHardwareVideoEncoder& /*encoder*/,
                                       std::shared_ptr<const ZelLiveVideoFrame> /*frame*/) {}
+  /// All that comes of the oldest picture has been given. On the encoder's queue.
+  virtual void videoEncoderDidFinishPicture(ZelHardwareVideoEncoder& /*encoder*/) {}
 };
 
 /// Turns pictures into H.264 NAL units through the platform's compression session.
@@ -44,6 +48,9 @@ class ZelHardwareVideoEncoder : public std::enable_shared_from_this<ZelHardwareV
   /// background, a picture that is not shareable, and what comes while a quarter of a second of pictures is waiting.
   void encodeVideoData(std::shared_ptr<PixelBuffer> pixelBuffer, std::uint64_t timeStamp);
 
+  /// The time stamp of the oldest picture that was taken and has not come out yet.
+  [[nodiscard]] std::optional<std::uint64_t> oldestPicture() const;
+
   /// Bits per second, for the pictures that follow; ignored in the background.
   void setVideoBitRate(std::int64_t bitRate);
   [[nodiscard]] std::uint64_t videoBitRate() const noexcept { return currentVideoBitRate_; }
@@ -67,7 +74,9 @@ class ZelHardwareVideoEncoder : public std::enable_shared_from_this<ZelHardwareV
   void createCompressionSession();
   void invalidateCompressionSession();
   [[nodiscard]] std::shared_ptr<VideoCompressionSession> compressionSession() const;
+  [[nodiscard]] std::shared_ptr<ZelVideoEncodingDelegate> delegate() const;
   void encode(const std::shared_ptr<PixelBuffer>& pixelBuffer, std::uint64_t timeStamp);
+  void finishPicture();
   [[nodiscard]] VideoFrameProperties nextFrameProperties();
   void videoCompresssionOutputCallBack(std::uint64_t reference, int status, const VideoSample* sample);
   void captureParameterSets(const VideoSample& sample, ZelLiveVideoFrame& frame);
@@ -89,6 +98,7 @@ class ZelHardwareVideoEncoder : public std::enable_shared_from_this<ZelHardwareV
   mutable std::mutex mutex_;
   std::shared_ptr<VideoCompressionSession> compressionSession_;  // guarded by mutex_; driven on the encode queue only
   std::weak_ptr<ZelVideoEncodingDelegate> h264Delegate_;         // guarded by mutex_
+  std::queue<std::uint64_t> inFlight_;                           // guarded by mutex_; time stamps, oldest first
   Data sps_;                                                     // guarded by mutex_
   Data pps_;                                                     // guarded by mutex_
 

@@ -19,6 +19,7 @@
 #include "zellive/platform/Exception.h"
 #include "zellive/platform/PixelBuffer.h"
 #include "zellive/platform/Platform.h"
+#include "zellive/session/SoundGate.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveCaptureType.h"
 #include "zellive/session/ZelLiveDebug.h"
@@ -157,6 +158,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void socketRequestNewUrl(ZelStreamRtmpSocket& socket) override;
   void videoEncoderVideoFrame(ZelHardwareVideoEncoder& encoder,
                               std::shared_ptr<const ZelLiveVideoFrame> frame) override;
+  void videoEncoderDidFinishPicture(ZelHardwareVideoEncoder& encoder) override;
   void audioEncoderAudioFrame(ZelAudioEncoding& encoder, std::shared_ptr<const ZelLiveAudioFrame> frame) override;
   void processedAudioData(ZelLiveAudioPool& pool, std::span<const std::uint8_t> audioData, double timeStamp) override;
   void filterPixelBuffer(ZelLivePixelBufferFitSizeFilter& filter, std::shared_ptr<PixelBuffer> pixelBuffer,
@@ -228,6 +230,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock);
   void logPicture(std::int64_t videoSeqId, double clock, double frameRate) const;
   void videoFrameWithoutAlignment();
+  void handOffSound();
   void audioCheck();
   void videoCheck();
   std::shared_ptr<Queue> mediaQueue();
@@ -275,6 +278,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::uint64_t silenceGeneration_ = 0;
 
   ZelLiveTool tool_;
+  SoundGate soundGate_;
   /// An SEI came before alignment, its slice has yet to come. The encoder's callbacks only, which never overlap.
   bool pictureBegun_ = false;
 

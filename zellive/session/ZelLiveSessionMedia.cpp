@@ -230,7 +230,8 @@ void ZelLiveSession::audioEncoderAudioFrame(ZelAudioEncoding&, std::shared_ptr<c
       const std::lock_guard lock(stagesLock_);
       lastAudioFrame_ = frame;
     }
-    pushSendBuffer(std::move(frame));
+    soundGate_.add(std::move(frame));
+    handOffSound();
     return;
   }
   if (first) {
@@ -269,7 +270,24 @@ void ZelLiveSession::videoEncoderVideoFrame(ZelHardwareVideoEncoder&, std::share
     const std::lock_guard lock(stagesLock_);
     lastVideoFrame_ = frame;
   }
+  soundGate_.passed(frame->timestamp);
   pushSendBuffer(std::move(frame));
+}
+
+void ZelLiveSession::videoEncoderDidFinishPicture(ZelHardwareVideoEncoder&) {
+  if (uploading_) {
+    handOffSound();
+  }
+}
+
+void ZelLiveSession::handOffSound() {
+  const auto encoder = existingVideoEncoder();
+  const auto oldest = [&] {
+    return encoder ? encoder->oldestPicture().value_or(SoundGate::noPicture) : SoundGate::noPicture;
+  };
+  while (auto sound = soundGate_.next(oldest())) {
+    pushSendBuffer(std::move(sound));
+  }
 }
 
 void ZelLiveSession::videoFrameWithoutAlignment() {

@@ -14,7 +14,6 @@ namespace zellive {
 namespace {
 
 constexpr std::uint64_t kMinMaxCount = 750;
-constexpr std::size_t kSortCount = 5;
 constexpr std::int32_t kLongAccumulation = 120;  // Seconds.
 
 int frameDataCompare(const ZelFrame& a, const ZelFrame& b) {
@@ -114,7 +113,7 @@ void ZelStreamingBuffer::appendObject(Frame frame) {
   const std::lock_guard lock(lock_);
   const std::size_t before = sortList_.count();
   sortList_.addObject(std::move(frame));
-  if (before < kSortCount) {
+  if (before < sortCount) {
     return;
   }
   sortList_.sortUsingFunction(frameDataCompare);
