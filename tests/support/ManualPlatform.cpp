@@ -194,6 +194,7 @@ std::shared_ptr<const Platform> ManualPlatform::platform() const {
   set->notifications = notifications;
   set->device = device;
   set->reachability = reachability;
+  set->names = defaultPlatform()->names;
   set->videoCompression = videoCompression;
   set->audioConversion = audioConversion;
   set->companion = companion;

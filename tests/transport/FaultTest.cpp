@@ -182,10 +182,11 @@ TEST_F(Faults, StoppingAndLettingGoEndEveryState) {
 TEST(HostResolver, GivesUpWithoutWaitingForTheNameService) {
   AbortSwitch thrown;
   thrown.throwSwitch(AbortSwitch::State::Aborted);
-  EXPECT_EQ(resolveHost("localhost", 80, 60s, thrown).failure, "given up");
+  EXPECT_EQ(resolveHost(defaultPlatform()->names, "localhost", 80, 60s, thrown).failure, "given up");
   const AbortSwitch open;
-  EXPECT_FALSE(resolveHost("127.0.0.1", 80, 60s, open).addresses.empty());
-  EXPECT_EQ(resolveHost("::1", 80, 0s, open).addresses.size(), 1U) << "an address needs no name service";
+  EXPECT_FALSE(resolveHost(defaultPlatform()->names, "127.0.0.1", 80, 60s, open).addresses.empty());
+  EXPECT_EQ(resolveHost(defaultPlatform()->names, "::1", 80, 0s, open).addresses.size(), 1U)
+      << "an address needs no name service";
 }
 
 }  // namespace

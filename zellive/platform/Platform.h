@@ -6,6 +6,7 @@
 #include "zellive/platform/Companion.h"
 #include "zellive/platform/Device.h"
 #include "zellive/platform/MediaClock.h"
+#include "zellive/platform/NameService.h"
 #include "zellive/platform/NotificationCenter.h"
 #include "zellive/platform/Queue.h"
 #include "zellive/platform/Reachability.h"
@@ -21,6 +22,7 @@ struct Platform {
   std::shared_ptr<NotificationCenter> notifications;
   std::shared_ptr<Device> device;
   std::shared_ptr<AFNetworkReachabilityManager> reachability;
+  std::shared_ptr<NameService> names;
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
   std::shared_ptr<QMZSdwan> companion;

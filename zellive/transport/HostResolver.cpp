@@ -17,25 +17,20 @@
 namespace zellive {
 namespace {
 
-HostAddresses lookUp(const std::string& host, std::uint16_t port, int flags) {
+/// The address that `host` spells out; none where it is a name.
+HostAddresses spelledOut(const std::string& host, std::uint16_t port) {
   addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV | flags;
+  hints.ai_flags = AI_NUMERICSERV | AI_NUMERICHOST;
   addrinfo* found = nullptr;
-  const int status = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-  if (status != 0) {
-    return {{}, ::gai_strerror(status)};
+  if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    return {};
   }
   const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owned(found, &::freeaddrinfo);
-  HostAddresses result;
-  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
-    HostAddress address;
-    std::memcpy(&address.address, entry->ai_addr, entry->ai_addrlen);
-    address.length = entry->ai_addrlen;
-    result.addresses.push_back(address);
-  }
-  return result;
+  HostAddress address;
+  std::memcpy(&address.address, found->ai_addr, found->ai_addrlen);
+  address.length = found->ai_addrlen;
+  return {{address}, {}};
 }
 
 /// What the waiting thread and the resolving one share; the last of them frees it.
@@ -58,13 +53,14 @@ struct Request {
 };
 
 /// Starts a thread that takes none of the process's signals.
-void startResolver(const std::shared_ptr<Request>& request, const std::string& host, std::uint16_t port) {
+void startResolver(const std::shared_ptr<Request>& request, const std::shared_ptr<NameService>& names,
+                   const std::string& host, std::uint16_t port) {
   sigset_t all;
   sigset_t former;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &former);
   try {
-    std::thread([request, host, port] { request->finish(lookUp(host, port, 0)); }).detach();
+    std::thread([request, names, host, port] { request->finish(names->lookUp(host, port)); }).detach();
   } catch (const std::system_error& error) {
     request->finish({{}, error.what()});
   }
@@ -73,13 +69,13 @@ void startResolver(const std::shared_ptr<Request>& request, const std::string& h
 
 }  // namespace
 
-HostAddresses resolveHost(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit,
-                          const AbortSwitch& abort) {
-  if (auto numeric = lookUp(host, port, AI_NUMERICHOST); !numeric.addresses.empty()) {
+HostAddresses resolveHost(const std::shared_ptr<NameService>& names, const std::string& host, std::uint16_t port,
+                          std::chrono::milliseconds limit, const AbortSwitch& abort) {
+  if (auto numeric = spelledOut(host, port); !numeric.addresses.empty()) {
     return numeric;
   }
   const auto request = std::make_shared<Request>();
-  startResolver(request, host, port);
+  startResolver(request, names, host, port);
   switch (abort.wait(request->done, POLLIN, std::chrono::steady_clock::now() + limit)) {
     case AbortSwitch::Wait::Thrown:
       return {{}, "given up"};

@@ -66,9 +66,10 @@ void setSocketTimeout(int socket, int option, std::chrono::milliseconds limit) {
   ::setsockopt(socket, SOL_SOCKET, option, &value, sizeof value);
 }
 
-DialResult dialTcp(const std::string& host, std::uint16_t port, const RtmpOptions& options, const AbortSwitch& abort) {
+DialResult dialTcp(const std::shared_ptr<NameService>& names, const std::string& host, std::uint16_t port,
+                   const RtmpOptions& options, const AbortSwitch& abort) {
   DialResult result;
-  const HostAddresses found = resolveHost(host, port, options.resolveLimit, abort);
+  const HostAddresses found = resolveHost(names, host, port, options.resolveLimit, abort);
   if (found.addresses.empty()) {
     result.error = abort.state() != AbortSwitch::State::Open
                        ? failure(ECANCELED, host, port)

@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "zellive/platform/NameService.h"
 #include "zellive/transport/AbortSwitch.h"
 #include "zellive/transport/RtmpConnection.h"
 
@@ -17,8 +19,8 @@ struct DialResult {
 
 /// Connects to a host by any of its addresses, tried one after the other, within the options' limits. The socket has
 /// their limits on sending and receiving and their send buffer, and sends without delay.
-[[nodiscard]] DialResult dialTcp(const std::string& host, std::uint16_t port, const RtmpOptions& options,
-                                 const AbortSwitch& abort);
+[[nodiscard]] DialResult dialTcp(const std::shared_ptr<NameService>& names, const std::string& host, std::uint16_t port,
+                                 const RtmpOptions& options, const AbortSwitch& abort);
 
 /// Limits each later send() or recv() on `socket` (SO_SNDTIMEO or SO_RCVTIMEO).
 void setSocketTimeout(int socket, int option, std::chrono::milliseconds limit);

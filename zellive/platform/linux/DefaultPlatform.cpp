@@ -6,6 +6,7 @@
 #include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/ReachabilityStandIn.h"
 #include "zellive/platform/linux/SystemClock.h"
+#include "zellive/platform/linux/SystemNameService.h"
 
 namespace zellive {
 namespace {
@@ -17,6 +18,7 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->notifications = std::make_shared<NotificationCenter>();
   set->device = std::make_shared<LinuxDevice>();
   set->reachability = std::make_shared<ReachabilityStandIn>(set->notifications);
+  set->names = makeSystemNameService();
   set->videoCompression = makeFfmpegVideoCompression();
   set->audioConversion = makeFfmpegAudioConversion();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
