@@ -1,8 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -14,22 +14,18 @@ class Event {
  public:
   void set() {
     const auto state = state_;
-    const std::lock_guard lock(state->mutex);
-    state->happened = true;
-    state->changed.notify_all();
+    std::call_once(state->once, [&] { state->happened.set_value(); });
   }
   /// False when it has not happened within a time that no sound program needs.
   [[nodiscard]] bool wait() const {
-    const auto state = state_;
-    std::unique_lock lock(state->mutex);
-    return state->changed.wait_for(lock, std::chrono::seconds(30), [&] { return state->happened; });
+    return state_->future.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
   }
 
  private:
   struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool happened = false;
+    std::once_flag once;
+    std::promise<void> happened;
+    std::shared_future<void> future = happened.get_future().share();
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "zellive/transport/RtmpConnection.h"
@@ -14,13 +13,8 @@ namespace zellive::test {
 /// all run on one thread.
 class FakeRtmp {
  public:
-  struct Sent {
-    std::uint8_t headerType, type;
-    std::int32_t channel;
-    std::uint32_t timestamp;
-    bool absolute;
-    std::int32_t streamId;
-    std::vector<std::uint8_t> body;
+  struct Sent : RtmpMessage {
+    std::vector<std::uint8_t> body;  ///< In place of the span, which ends with the call.
   };
 
   std::string failAt;           ///< "RTMP_SetupURL", "RTMP_Connect" or "RTMP_ConnectStream"; empty: all succeed.
@@ -50,66 +44,51 @@ class FakeRtmp {
   }
 
  private:
-  class Connection : public RtmpConnection {
-   public:
-    explicit Connection(FakeRtmp& script) : script_(script) {}
+  struct Connection : RtmpConnection {
+    explicit Connection(FakeRtmp& owner) : script(owner) {}
 
     bool setupURL(const std::string& url, RTMPError* error) override {
-      script_.urls.push_back(url);
+      script.urls.push_back(url);
       return step("RTMP_SetupURL", error);
     }
-    void setCallbacks(const RtmpCallbacks& callbacks) override { callbacks_ = callbacks; }
-    void enableWrite() override { write_ = true; }
+    void setCallbacks(const RtmpCallbacks& given) override { callbacks = given; }
+    void enableWrite() override { write = true; }
     bool connect(RTMPError* error) override { return step("RTMP_Connect", error); }
-    bool connectStream(RTMPError* error) override {
-      connected_ = write_ && step("RTMP_ConnectStream", error);
-      return connected_;
-    }
-    [[nodiscard]] bool isConnected() const override { return connected_; }
+    bool connectStream(RTMPError* error) override { return connected = write && step("RTMP_ConnectStream", error); }
+    [[nodiscard]] bool isConnected() const override { return connected; }
     [[nodiscard]] std::int32_t streamId() const override { return 7; }
     std::int32_t sendPacket(const RtmpMessage& message, RTMPError* error) override {
-      script_.sent.push_back({message.headerType,
-                              message.type,
-                              message.channel,
-                              message.timestamp,
-                              message.absoluteTimestamp,
-                              message.streamId,
-                              {message.body.begin(), message.body.end()}});
-      if (script_.sendResult != 1) {
-        *error = {-7, "scripted"};
-        breakOff(*error);
+      script.sent.push_back({message, {message.body.begin(), message.body.end()}});
+      if (script.sendResult != 1) {
+        breakOff(*error = {-7, "scripted"});
       }
-      return script_.sendResult;
+      return script.sendResult;
     }
     void close(RTMPError* error) override {
-      ++script_.closed;
+      ++script.closed;
       breakOff(*error);
     }
     void abort() override {
-      ++script_.aborted;
-      abortedSelf_ = true;
+      ++script.aborted;
+      givenUp = true;
     }
     void breakOff(const RTMPError& error) {
-      connected_ = false;
-      if (callbacks_.error != nullptr) {
-        callbacks_.error(error, callbacks_.userData);
+      connected = false;
+      if (callbacks.error != nullptr) {
+        callbacks.error(error, callbacks.userData);
       }
     }
-
-   private:
-    bool step(const char* name, RTMPError* error) {
-      if (abortedSelf_ || script_.failAt == name) {
-        *error = {-3, "scripted"};
-        return false;
+    bool step(const char* name, RTMPError* error) const {
+      if (!givenUp && script.failAt != name) {
+        return true;
       }
-      return true;
+      *error = {-3, "scripted"};
+      return false;
     }
 
-    FakeRtmp& script_;
-    RtmpCallbacks callbacks_;
-    bool write_ = false;
-    bool connected_ = false;
-    bool abortedSelf_ = false;
+    FakeRtmp& script;
+    RtmpCallbacks callbacks;
+    bool write = false, connected = false, givenUp = false;
   };
 
   Connection* latest_ = nullptr;

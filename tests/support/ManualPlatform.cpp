@@ -8,43 +8,33 @@
 namespace zellive::test {
 
 struct ManualTime::State {
-  struct Entry {
+  struct Work {
     std::weak_ptr<ManualQueue> queue;
-    std::shared_ptr<ManualQueue> keepAlive;  // Posted tasks run even when their queue's last reference has gone.
+    std::shared_ptr<ManualQueue> keepAlive;  // Of posted tasks, which run even when their queue's last owner has gone.
     Task task;
-    std::shared_ptr<bool> cancelled;
   };
   using Key = std::pair<std::chrono::nanoseconds, std::uint64_t>;
 
-  mutable std::mutex mutex;
+  std::mutex mutex;
   std::chrono::nanoseconds now = std::chrono::hours(1);
   std::uint64_t sequence = 0;
-  std::map<Key, Entry> work;
+  std::map<Key, Work> work;
   const ManualQueue* current = nullptr;
-  std::vector<const ManualQueue*> queues;
+  std::vector<std::weak_ptr<ManualQueue>> queues;
 };
 
 class ManualTime::ManualQueue : public Queue, public std::enable_shared_from_this<ManualQueue> {
  public:
-  ManualQueue(std::shared_ptr<State> state, std::string label) : state_(std::move(state)), label_(std::move(label)) {
-    const std::lock_guard lock(state_->mutex);
-    state_->queues.push_back(this);
-  }
-  ~ManualQueue() override {
-    const std::lock_guard lock(state_->mutex);
-    std::erase(state_->queues, this);
-  }
+  ManualQueue(std::shared_ptr<State> state, std::string label) : state_(std::move(state)), label_(std::move(label)) {}
 
-  void async(Task task) override { add(std::chrono::nanoseconds(0), std::move(task), nullptr); }
-
+  void async(Task task) override {
+    add(std::chrono::nanoseconds(0), {weak_from_this(), shared_from_this(), std::move(task)});
+  }
   std::shared_ptr<DelayedWork> after(std::chrono::nanoseconds delay, Task task) override {
-    auto cancelled = std::make_shared<bool>(false);
-    add(std::max(delay, std::chrono::nanoseconds(0)), std::move(task), cancelled);
-    return std::make_shared<Handle>(state_, cancelled);
+    const auto key = add(std::max(delay, std::chrono::nanoseconds(0)), {weak_from_this(), nullptr, std::move(task)});
+    return std::make_shared<Handle>(state_, key);
   }
-
   std::unique_ptr<ReadWatch> whenReadable(int, Task) override { return nullptr; }
-
   [[nodiscard]] bool isCurrent() const override {
     const std::lock_guard lock(state_->mutex);
     return state_->current == this;
@@ -53,59 +43,47 @@ class ManualTime::ManualQueue : public Queue, public std::enable_shared_from_thi
 
  private:
   struct Handle : DelayedWork {
-    Handle(std::shared_ptr<State> s, std::shared_ptr<bool> c) : state(std::move(s)), cancelled(std::move(c)) {}
+    Handle(std::shared_ptr<State> s, State::Key k) : state(std::move(s)), key(k) {}
     void cancel() override {
-      Task dropped;
+      decltype(state->work)::node_type dropped;  // Outside the lock: what the work holds may post or cancel.
       const std::lock_guard lock(state->mutex);
-      *cancelled = true;
-      for (auto entry = state->work.begin(); entry != state->work.end(); ++entry) {
-        if (entry->second.cancelled == cancelled) {
-          dropped = std::move(entry->second.task);
-          state->work.erase(entry);
-          break;
-        }
-      }
+      dropped = state->work.extract(key);
     }
-    std::shared_ptr<State> state;
-    std::shared_ptr<bool> cancelled;
+    const std::shared_ptr<State> state;
+    const State::Key key;
   };
 
-  void add(std::chrono::nanoseconds delay, Task task, std::shared_ptr<bool> cancelled) {
-    auto self = shared_from_this();
+  State::Key add(std::chrono::nanoseconds delay, State::Work work) {
     const std::lock_guard lock(state_->mutex);
-    const bool delayed = cancelled != nullptr;
-    state_->work.emplace(State::Key{state_->now + delay, state_->sequence++},
-                         State::Entry{self, delayed ? nullptr : self, std::move(task), std::move(cancelled)});
+    return state_->work.emplace(State::Key{state_->now + delay, state_->sequence++}, std::move(work)).first->first;
   }
 
-  std::shared_ptr<State> state_;
-  std::string label_;
+  const std::shared_ptr<State> state_;
+  const std::string label_;
 };
 
 ManualTime::ManualTime()
     : state_(std::make_shared<State>()),
-      main_(std::make_shared<ManualQueue>(state_, "main")),
-      global_(std::make_shared<ManualQueue>(state_, "global")) {}
+      main_(ManualTime::makeSerialQueue("main")),
+      global_(ManualTime::makeSerialQueue("global")) {}
 
 ManualTime::~ManualTime() { dropWork(); }
 
 void ManualTime::dropWork() {
-  for (;;) {
-    // Dropped outside the lock: what the work holds may post or cancel.
-    std::map<State::Key, State::Entry> dropped;
+  const auto takeAll = [this] {
     const std::lock_guard lock(state_->mutex);
-    if (state_->work.empty()) {
-      return;
-    }
-    dropped.swap(state_->work);
+    return std::exchange(state_->work, {});
+  };
+  while (!takeAll().empty()) {
   }
 }
 
 std::shared_ptr<Queue> ManualTime::makeSerialQueue(std::string label) {
-  return std::make_shared<ManualQueue>(state_, std::move(label));
+  auto queue = std::make_shared<ManualQueue>(state_, std::move(label));
+  const std::lock_guard lock(state_->mutex);
+  state_->queues.push_back(queue);
+  return queue;
 }
-std::shared_ptr<Queue> ManualTime::mainQueue() { return main_; }
-std::shared_ptr<Queue> ManualTime::globalQueue() { return global_; }
 
 std::chrono::nanoseconds ManualTime::now() const {
   const std::lock_guard lock(state_->mutex);
@@ -114,60 +92,49 @@ std::chrono::nanoseconds ManualTime::now() const {
 
 Date ManualTime::date() const { return Date(std::chrono::duration_cast<Date::duration>(now())); }
 
-bool ManualTime::runOne() {
-  State::Entry entry;
+bool ManualTime::runNext(std::chrono::nanoseconds end) {
+  State::Work work;
   std::shared_ptr<ManualQueue> queue;
   {
     const std::lock_guard lock(state_->mutex);
-    if (state_->work.empty() || state_->work.begin()->first.first > state_->now) {
+    const auto next = state_->work.begin();
+    if (next == state_->work.end() || next->first.first > end) {
+      state_->now = end;
       return false;
     }
-    entry = std::move(state_->work.begin()->second);
-    state_->work.erase(state_->work.begin());
-    queue = entry.queue.lock();
-    if (queue) {
-      state_->current = queue.get();
-    }
+    state_->now = std::max(state_->now, next->first.first);
+    work = std::move(state_->work.extract(next).mapped());
+    queue = work.queue.lock();
+    state_->current = queue.get();
   }
   if (queue) {
-    entry.task();
-    entry.task = nullptr;
+    std::exchange(work.task, nullptr)();
     const std::lock_guard lock(state_->mutex);
     state_->current = nullptr;
   }
   return true;
 }
 
-void ManualTime::runPending() {
-  while (runOne()) {
-  }
-}
-
 void ManualTime::advance(std::chrono::nanoseconds duration) {
   const auto end = now() + duration;
-  for (;;) {
-    runPending();
-    const std::lock_guard lock(state_->mutex);
-    if (state_->work.empty() || state_->work.begin()->first.first > end) {
-      state_->now = end;
-      return;
-    }
-    state_->now = std::max(state_->now, state_->work.begin()->first.first);
+  while (runNext(end)) {
   }
 }
 
 std::size_t ManualTime::delayedWork() const {
   const std::lock_guard lock(state_->mutex);
-  return static_cast<std::size_t>(std::count_if(state_->work.begin(), state_->work.end(), [](const auto& entry) {
-    return entry.second.cancelled != nullptr && !entry.second.queue.expired();
+  return static_cast<std::size_t>(std::ranges::count_if(state_->work, [](const auto& entry) {
+    return entry.second.keepAlive == nullptr && !entry.second.queue.expired();
   }));
 }
 
 std::vector<std::string> ManualTime::liveQueues() const {
   const std::lock_guard lock(state_->mutex);
   std::vector<std::string> labels;
-  for (const auto* queue : state_->queues) {
-    labels.push_back(queue->label());
+  for (const auto& each : state_->queues) {
+    if (const auto queue = each.lock()) {
+      labels.push_back(queue->label());
+    }
   }
   return labels;
 }
@@ -178,31 +145,15 @@ void SettableReachability::setNetworkReachabilityStatus(ReachabilityStatus statu
   }
 }
 
-ManualPlatform::ManualPlatform()
-    : time(std::make_shared<ManualTime>()),
-      notifications(std::make_shared<NotificationCenter>()),
-      device(std::make_shared<SettableDevice>()),
-      reachability(std::make_shared<SettableReachability>(notifications)),
-      companion(makeLoggedOutSdwan(time->globalQueue())) {}
-
 ManualPlatform::~ManualPlatform() { time->dropWork(); }
 
 std::shared_ptr<const Platform> ManualPlatform::platform() const {
-  auto set = std::make_shared<Platform>();
-  set->queues = time;
-  set->clock = time;
-  set->notifications = notifications;
-  set->device = device;
-  set->reachability = reachability;
-  set->names = defaultPlatform()->names;
-  set->videoCompression = videoCompression;
-  set->audioConversion = audioConversion;
-  set->companion = companion;
-  return set;
+  return std::make_shared<Platform>(Platform{time, time, notifications, device, reachability, defaultPlatform()->names,
+                                             videoCompression, audioConversion, companion});
 }
 
 struct LogCapture::Shared {
-  mutable std::mutex mutex;
+  std::mutex mutex;
   std::vector<Message> messages;
 };
 
@@ -221,14 +172,11 @@ std::vector<LogCapture::Message> LogCapture::messages() const {
 }
 
 std::size_t LogCapture::count(std::string_view part) const {
-  const auto all = messages();
-  return static_cast<std::size_t>(std::count_if(
-      all.begin(), all.end(), [&](const Message& message) { return message.text.find(part) != std::string::npos; }));
+  return count(LogLevel::Error, part) + count(LogLevel::Warning, part) + count(LogLevel::Information, part);
 }
 
 std::size_t LogCapture::count(LogLevel level, std::string_view part) const {
-  const auto all = messages();
-  return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const Message& message) {
+  return static_cast<std::size_t>(std::ranges::count_if(messages(), [&](const Message& message) {
     return message.level == level && message.text.find(part) != std::string::npos;
   }));
 }

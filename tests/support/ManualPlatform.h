@@ -18,13 +18,13 @@ class ManualTime : public QueueService, public MediaClock {
   ~ManualTime() override;
 
   std::shared_ptr<Queue> makeSerialQueue(std::string label) override;
-  std::shared_ptr<Queue> mainQueue() override;
-  std::shared_ptr<Queue> globalQueue() override;
+  std::shared_ptr<Queue> mainQueue() override { return main_; }
+  std::shared_ptr<Queue> globalQueue() override { return global_; }
   [[nodiscard]] std::chrono::nanoseconds now() const override;
   [[nodiscard]] Date date() const override;
 
   /// Runs everything that is due now, what it posts included.
-  void runPending();
+  void runPending() { advance({}); }
   /// Moves time on by `duration`, stopping at each piece of delayed work to run it at its own time.
   void advance(std::chrono::nanoseconds duration);
   /// Drops all work that has not run, and what dropping it posts.
@@ -37,10 +37,11 @@ class ManualTime : public QueueService, public MediaClock {
  private:
   class ManualQueue;
   struct State;
-  bool runOne();
-  std::shared_ptr<State> state_;
-  std::shared_ptr<Queue> main_;
-  std::shared_ptr<Queue> global_;
+  /// Runs the next piece of work that is due by `end`, at its own time. False when there is none: it is `end` now.
+  bool runNext(std::chrono::nanoseconds end);
+  const std::shared_ptr<State> state_;
+  const std::shared_ptr<Queue> main_;
+  const std::shared_ptr<Queue> global_;
 };
 
 /// A Device whose every answer is set by the test.
@@ -73,7 +74,7 @@ class SettableReachability : public AFNetworkReachabilityManager {
 
 /// A whole platform on manual time. Encoders are null until a test puts its own in.
 struct ManualPlatform {
-  ManualPlatform();
+  ManualPlatform() = default;
   /// Drops the work that has not run: it may hold objects that hold this platform.
   ~ManualPlatform();
   ManualPlatform(const ManualPlatform&) = delete;
@@ -84,13 +85,13 @@ struct ManualPlatform {
   void advance(std::chrono::nanoseconds duration) { time->advance(duration); }
   void runPending() { time->runPending(); }
 
-  std::shared_ptr<ManualTime> time;
-  std::shared_ptr<NotificationCenter> notifications;
-  std::shared_ptr<SettableDevice> device;
-  std::shared_ptr<SettableReachability> reachability;
+  std::shared_ptr<ManualTime> time = std::make_shared<ManualTime>();
+  std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
+  std::shared_ptr<SettableDevice> device = std::make_shared<SettableDevice>();
+  std::shared_ptr<SettableReachability> reachability = std::make_shared<SettableReachability>(notifications);
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
-  std::shared_ptr<QMZSdwan> companion;
+  std::shared_ptr<QMZSdwan> companion = makeLoggedOutSdwan(time->globalQueue());
 };
 
 /// Takes the library's messages over while it exists. One at a time.

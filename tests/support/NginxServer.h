@@ -5,11 +5,12 @@
 #include <string>
 
 #include "tests/support/Process.h"
+#include "tests/support/Sockets.h"
 
 namespace zellive::test {
 
-/// A real nginx with its RTMP module on free loopback ports, in a directory of its own. The application "live" records
-/// every stream; "closed" refuses to let anybody publish.
+/// A real nginx with its RTMP module on a free loopback port, in a directory of its own. The application "live" records
+/// every stream; "closed" lets nobody publish.
 class NginxServer {
  public:
   /// Starts it and waits until it answers. Throws std::runtime_error when it does not.
@@ -27,16 +28,14 @@ class NginxServer {
 
   /// Ends it at once, as a crash would.
   void kill();
-  /// Starts it again on the same ports.
+  /// Starts it again on the same port.
   void start();
 
  private:
-  [[nodiscard]] std::string errorLog() const;
   [[nodiscard]] bool hasOpen(const std::string& path) const;
 
-  TemporaryDirectory directory_;
-  std::uint16_t rtmpPort_ = 0;
-  std::uint16_t httpPort_ = 0;
+  const TemporaryDirectory directory_;
+  const std::uint16_t rtmpPort_ = freePort();
   std::unique_ptr<Process> process_;
 };
 

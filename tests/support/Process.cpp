@@ -2,133 +2,22 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
+#include <csignal>
 #include <filesystem>
-#include <future>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
+extern "C" {  // Which glibc 2.36 leaves out.
+#include <sys/pidfd.h>
+}
+
 namespace zellive::test {
-namespace {
-
-[[noreturn]] void becomeProgram(const std::vector<char*>& arguments, int out, int err, pid_t parent) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() == parent) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    execvp(arguments[0], arguments.data());
-  }
-  _exit(127);
-}
-
-}  // namespace
-
-Process::Process(std::vector<std::string> arguments) {
-  // The kernel ends a child when the thread that made it ends, so the thread that stays to the end makes it.
-  std::promise<void> started;
-  thread_ = std::thread([&] { run(std::move(arguments), [&] { started.set_value(); }); });
-  started.get_future().wait();
-}
-
-void Process::run(std::vector<std::string> arguments, const std::function<void()>& started) {
-  std::vector<char*> pointers;
-  for (auto& argument : arguments) {
-    pointers.push_back(argument.data());
-  }
-  pointers.push_back(nullptr);
-  std::array<int, 2> out{};
-  std::array<int, 2> err{};
-  const pid_t parent = getpid();
-  if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0 || (pid_ = fork()) < 0) {
-    std::abort();  // A machine without pipes or processes can test nothing.
-  }
-  if (pid_ == 0) {
-    becomeProgram(pointers, out[1], err[1], parent);
-  }
-  close(out[1]);
-  close(err[1]);
-  started();
-  std::array<pollfd, 2> descriptors{{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}}};
-  std::array<char, 4096> buffer{};
-  while ((descriptors[0].fd >= 0 || descriptors[1].fd >= 0) && poll(descriptors.data(), 2, -1) > 0) {
-    for (auto& from : descriptors) {
-      if (from.fd < 0 || from.revents == 0) {
-        continue;
-      }
-      const auto count = read(from.fd, buffer.data(), buffer.size());
-      if (count <= 0) {
-        close(std::exchange(from.fd, -1));
-        continue;
-      }
-      const std::lock_guard lock(mutex_);
-      (&from == descriptors.data() ? output_ : errors_).append(buffer.data(), static_cast<std::size_t>(count));
-      changed_.notify_all();
-    }
-  }
-  // Seen but not collected until the lock is held, so that signal() never hits a stranger.
-  siginfo_t information{};
-  waitid(P_PID, static_cast<id_t>(pid_), &information, WEXITED | WNOWAIT);
-  const std::lock_guard lock(mutex_);
-  int status = 0;
-  waitpid(pid_, &status, 0);
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  changed_.notify_all();
-}
-
-Process::~Process() {
-  signal(SIGKILL);
-  thread_.join();
-}
-
-void Process::signal(int number) {
-  const std::lock_guard lock(mutex_);
-  if (!status_) {
-    kill(pid_, number);
-  }
-}
-
-bool Process::waitFor(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, limit, [this] { return status_.has_value(); });
-}
-
-bool Process::waitForText(const std::string& text, std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  const auto seen = [&] { return (output_ + '\n' + errors_).find(text) != std::string::npos; };
-  changed_.wait_for(lock, limit, [&] { return status_ || seen(); });
-  return seen();
-}
-
-int Process::exitStatus() const {
-  const std::lock_guard lock(mutex_);
-  return status_.value_or(-1);
-}
-
-std::string Process::output() const {
-  const std::lock_guard lock(mutex_);
-  return output_;
-}
-
-std::string Process::errors() const {
-  const std::lock_guard lock(mutex_);
-  return errors_;
-}
-
-Outcome runProgram(std::vector<std::string> arguments, std::chrono::milliseconds limit) {
-  Process process(std::move(arguments));
-  const bool ended = process.waitFor(limit);
-  return {process.exitStatus(), process.output(), process.errors() + (ended ? "" : "\n(killed: it took too long)")};
-}
 
 TemporaryDirectory::TemporaryDirectory()
     : path_((std::filesystem::temp_directory_path() / "zellive-test-XXXXXX").string()) {
@@ -140,6 +29,67 @@ TemporaryDirectory::TemporaryDirectory()
 TemporaryDirectory::~TemporaryDirectory() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+std::string contentsOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Process::Process(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {"setpriv", "--pdeathsig", "KILL", "--"});
+  std::vector<char*> pointers;
+  for (auto& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  for (const int stream : {1, 2}) {
+    const auto path = directory_.path() + "/" + std::to_string(stream);
+    posix_spawn_file_actions_addopen(&files, stream, path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  }
+  const int error = posix_spawnp(&pid_, pointers[0], &files, nullptr, pointers.data(), environ);
+  posix_spawn_file_actions_destroy(&files);
+  descriptor_ = error == 0 ? pidfd_open(pid_, 0) : -1;
+  if (descriptor_ < 0) {
+    throw std::runtime_error("no process");
+  }
+}
+
+Process::~Process() {
+  signal(SIGKILL);
+  waitFor(std::chrono::seconds(10));
+  close(descriptor_);
+}
+
+void Process::signal(int number) { pidfd_send_signal(descriptor_, number, nullptr, 0); }
+
+bool Process::waitFor(std::chrono::milliseconds limit) {
+  pollfd end{descriptor_, POLLIN, 0};
+  if (!status_ && poll(&end, 1, static_cast<int>(limit.count())) > 0) {
+    siginfo_t how{};
+    waitid(P_PIDFD, static_cast<id_t>(descriptor_), &how, WEXITED);
+    status_ = how.si_code == CLD_EXITED ? how.si_status : 128 + how.si_status;
+  }
+  return status_.has_value();
+}
+
+bool Process::waitForText(const std::string& text, std::chrono::milliseconds limit) {
+  const auto seen = [&] { return (output() + '\n' + errors()).find(text) != std::string::npos; };
+  return waitUntil([&] { return seen() || waitFor(std::chrono::milliseconds(0)); }, limit) && seen();
+}
+
+int Process::exitStatus() {
+  waitFor(std::chrono::milliseconds(0));
+  return status_.value_or(-1);
+}
+
+Outcome runProgram(std::vector<std::string> arguments, std::chrono::milliseconds limit) {
+  Process process(std::move(arguments));
+  const bool ended = process.waitFor(limit);
+  return {process.exitStatus(), process.output(), process.errors() + (ended ? "" : "\n(killed: it took too long)")};
 }
 
 }  // namespace zellive::test

@@ -47,7 +47,7 @@ class LoopbackListener {
   [[nodiscard]] int descriptor() const { return descriptor_; }
 
  private:
-  int descriptor_;
+  const int descriptor_;
   std::uint16_t port_ = 0;
 };
 

@@ -3,12 +3,9 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <map>
 #include <optional>
 #include <random>
-#include <stdexcept>
 #include <utility>
 
 namespace zellive::test {
@@ -22,41 +19,24 @@ constexpr std::uint32_t kExtended = 0xFFFFFF;
 struct ConnectionOver {};
 struct Malformed {};
 
-std::uint64_t bigEndian(const std::uint8_t* bytes, std::size_t count) {
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    value = value << 8 | bytes[i];
+std::uint32_t bigEndian(const Bytes& bytes) {
+  std::uint32_t value = 0;
+  for (const auto byte : bytes) {
+    value = value << 8 | byte;
   }
   return value;
 }
 
-void putInteger(Bytes& out, std::uint64_t value, std::size_t size) {
-  for (std::size_t i = size; i > 0; --i) {
-    out.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
-  }
-}
-
-void putString(Bytes& out, std::string_view text, bool marker = true) {
-  out.insert(out.end(), marker ? 1 : 0, 0x02);
-  putInteger(out, text.size(), 2);
-  out.insert(out.end(), text.begin(), text.end());
-}
-
-void putNumber(Bytes& out, double number) {
-  out.push_back(0x00);
-  putInteger(out, std::bit_cast<std::uint64_t>(number), 8);
+/// Text as AMF0 has it inside objects: its length, then itself.
+std::string counted(const std::string& text) {
+  return std::string{static_cast<char>(text.size() >> 8), static_cast<char>(text.size())} + text;
 }
 
 /// {"level": …, "code": …, "description": …}
-void putInfo(Bytes& out, const char* level, const char* code) {
-  out.push_back(0x03);
-  const std::array<std::pair<const char*, const char*>, 3> pairs{
-      {{"level", level}, {"code", code}, {"description", "by the test"}}};
-  for (const auto& [key, value] : pairs) {
-    putString(out, key, false);
-    putString(out, value);
-  }
-  out.insert(out.end(), {0, 0, 9});
+std::string information(const std::string& level, const std::string& code) {
+  const auto member = [](const char* key, const std::string& value) { return counted(key) + '\2' + counted(value); };
+  return '\3' + member("level", level) + member("code", code) + member("description", "by the test") +
+         std::string("\0\0\x09", 3);
 }
 
 /// The command that a message is; empty when it is none.
@@ -64,55 +44,41 @@ std::string commandOf(const WireMessage& message) {
   if (message.type != 20 || message.body.size() <= 3) {
     return "";
   }
-  const auto length = bigEndian(message.body.data() + 1, 2);
+  const std::size_t length = message.body[1] << 8 | message.body[2];
   if (message.body.size() < 3 + length + 9) {
     throw Malformed{};  // A command without a transaction.
   }
-  return {reinterpret_cast<const char*>(message.body.data()) + 3, length};
+  return {message.body.begin() + 3, message.body.begin() + 3 + static_cast<std::ptrdiff_t>(length)};
 }
 
 }  // namespace
 
 struct WireServer::Client {
   explicit Client(int socket) : descriptor(socket) {}
-  ~Client() { ::close(descriptor); }
+  ~Client() {
+    thread.join();
+    ::close(descriptor);
+  }
 
-  void read(std::uint8_t* to, std::size_t count) {
-    while (count > 0) {
-      const auto got = ::recv(descriptor, to, count, 0);
-      if (got <= 0) {
-        throw ConnectionOver{};
-      }
-      to += got;
-      count -= static_cast<std::size_t>(got);
+  Bytes read(std::size_t count) {
+    Bytes bytes(count);
+    if (::recv(descriptor, bytes.data(), count, MSG_WAITALL) != static_cast<ssize_t>(count)) {
+      throw ConnectionOver{};
     }
+    return bytes;
   }
-  std::uint8_t readByte() {
-    std::uint8_t byte = 0;
-    read(&byte, 1);
-    return byte;
+  std::uint32_t readNumber(std::size_t size) { return bigEndian(read(size)); }
+  void write(const Bytes& bytes) { (void)!::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  /// A command of one chunk: no answer of ours needs more.
+  void writeCommand(std::uint8_t chunkStream, std::uint8_t streamId, const std::string& body) {
+    Bytes bytes{chunkStream, 0, 0, 0, 0, 0, static_cast<std::uint8_t>(body.size()), 20, streamId, 0, 0, 0};
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    write(bytes);
   }
-  std::uint32_t readNumber(std::size_t bytes) {
-    std::array<std::uint8_t, 4> raw{};
-    read(raw.data(), bytes);
-    return static_cast<std::uint32_t>(bigEndian(raw.data(), bytes));
-  }
-  void write(const Bytes& bytes) {
-    const std::lock_guard lock(writing);
-    (void)!::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  }
-  void writeMessage(std::uint8_t chunkStream, std::uint8_t type, std::uint32_t streamId, const Bytes& body) {
-    Bytes out{chunkStream, 0, 0, 0};
-    putInteger(out, body.size(), 3);
-    out.push_back(type);
-    putInteger(out, __builtin_bswap32(streamId), 4);
-    for (std::size_t at = 0; at < body.size(); at += 128) {
-      if (at > 0) {
-        out.push_back(static_cast<std::uint8_t>(0xC0 | chunkStream));
-      }
-      out.insert(out.end(), &body[at], &body[at] + std::min<std::size_t>(128, body.size() - at));
-    }
-    write(out);
+  [[noreturn]] void reset() {
+    const sockaddr nobody{AF_UNSPEC, {}};
+    (void)::connect(descriptor, &nobody, sizeof nobody);
+    throw ConnectionOver{};
   }
 
   void handshake(WireFault fault);
@@ -127,54 +93,45 @@ struct WireServer::Client {
     bool extended = false;
     std::optional<WireMessage> partial;
   };
-  int descriptor;
-  std::mutex writing;
+  const int descriptor;
   std::thread thread;
   std::map<std::uint32_t, Channel> channels;
   std::uint32_t chunkSize = 128;
 };
 
 void WireServer::Client::handshake(WireFault fault) {
-  if (readByte() != 3) {
+  if (readNumber(1) != 3) {
     throw Malformed{};
   }
   if (fault == WireFault::CloseInHandshake) {
     throw ConnectionOver{};
   }
-  Bytes c1(kHandshakeSize);
-  read(c1.data(), c1.size());
-  if (fault == WireFault::Drip) {
-    pollfd hangUp{descriptor, POLLRDHUP, 0};
-    while (::poll(&hangUp, 1, 20) == 0) {
-      write({3});
+  const Bytes c1 = read(kHandshakeSize);
+  pollfd hangUp{descriptor, POLLRDHUP, 0};
+  while (fault == WireFault::Drip) {
+    write({3});
+    if (::poll(&hangUp, 1, 20) != 0) {
+      throw ConnectionOver{};
     }
-    throw ConnectionOver{};
   }
-  Bytes answer{3};
-  answer.resize(1 + kHandshakeSize, 0x5A);
+  Bytes answer(1 + kHandshakeSize, 3);
   answer.insert(answer.end(), c1.begin(), c1.end());
   if (fault == WireFault::Garbage) {
-    std::mt19937 random(7);
-    answer.resize(answer.size() + 4096);
-    std::generate(answer.begin(), answer.end(), [&] { return static_cast<std::uint8_t>(random()); });
+    std::generate_n(std::back_inserter(answer), 4096, std::minstd_rand(7));
   }
   write(answer);
-  Bytes c2(kHandshakeSize);
-  read(c2.data(), c2.size());
+  read(kHandshakeSize);
 }
 
 WireMessage WireServer::Client::nextMessage() {
   for (;;) {
-    const auto basic = readByte();
+    const auto basic = readNumber(1);
     const std::uint32_t id = basic & 0x3F;
-    if (id < 2) {
-      throw Malformed{};  // An id of two or three bytes, which no publisher of ours needs.
-    }
     const auto headerType = static_cast<std::uint8_t>(basic >> 6);
     auto& channel = channels[id];
     const bool begins = !channel.partial;
-    if (!begins && headerType != 3) {
-      throw Malformed{};
+    if (id < 2 || (!begins && headerType != 3)) {
+      throw Malformed{};  // An id below 2 stands for one of two or three bytes, which no publisher of ours needs.
     }
     if (headerType <= 2) {
       channel.field = readNumber(3);
@@ -182,18 +139,17 @@ WireMessage WireServer::Client::nextMessage() {
     }
     if (headerType <= 1) {
       channel.length = readNumber(3);
-      channel.type = readByte();
+      channel.type = static_cast<std::uint8_t>(readNumber(1));
     }
     if (headerType == 0) {
       channel.streamId = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
     }
     if (channel.extended) {
       const auto value = readNumber(4);
-      if (headerType <= 2) {
-        channel.field = value;
-      } else if (value != channel.field) {
+      if (headerType == 3 && value != channel.field) {
         throw Malformed{};
       }
+      channel.field = value;
     }
     if (begins) {
       channel.timestamp = headerType == 0 ? channel.field : channel.timestamp + channel.field;
@@ -201,19 +157,44 @@ WireMessage WireServer::Client::nextMessage() {
           id, headerType, channel.field, channel.extended, channel.timestamp, channel.type, channel.streamId, 0, {}};
     }
     auto& message = *channel.partial;
-    const auto size = std::min<std::size_t>(chunkSize, channel.length - message.body.size());
-    const auto at = message.body.size();
-    message.body.resize(at + size);
-    read(message.body.data() + at, size);
+    const Bytes piece = read(std::min<std::size_t>(chunkSize, channel.length - message.body.size()));
+    message.body.insert(message.body.end(), piece.begin(), piece.end());
     ++message.chunks;
     if (message.body.size() == channel.length) {
-      auto whole = std::move(message);
-      channel.partial.reset();
-      if (whole.type == 1 && whole.body.size() == 4) {
-        chunkSize = static_cast<std::uint32_t>(bigEndian(whole.body.data(), 4));
-      }
+      auto whole = *std::exchange(channel.partial, std::nullopt);
+      chunkSize = whole.type == 1 ? bigEndian(whole.body) : chunkSize;
       return whole;
     }
+  }
+}
+
+void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
+  const auto name = commandOf(message);
+  const auto reply = [&](const char* what) {
+    const auto transaction = message.body.begin() + 3 + static_cast<std::ptrdiff_t>(name.size());
+    return '\2' + counted(what) +
+           (name == "publish" ? std::string(9, '\0') : std::string(transaction, transaction + 9)) + '\5';
+  };
+  if (name == "connect") {
+    if (fault == WireFault::ResetAfterConnect) {
+      nextMessage();  // The chunk size, which the client sends before it waits for the answer.
+    }
+    writeCommand(3, 0,
+                 fault == WireFault::RefuseConnect
+                     ? reply("_error") + information("error", "NetConnection.Connect.Rejected")
+                     : reply("_result") + information("status", "NetConnection.Connect.Success"));
+    if (fault == WireFault::ResetAfterConnect) {
+      reset();
+    }
+  } else if (name == "createStream" && fault == WireFault::CloseAfterConnect) {
+    throw ConnectionOver{};
+  } else if (name == "createStream" && fault != WireFault::SilentAfterConnect) {
+    writeCommand(3, 0, reply("_result") + std::string("\0\x3F\xF0\0\0\0\0\0\0", 9));  // Stream 1.
+  } else if (name == "publish") {
+    writeCommand(
+        5, 1,
+        reply("onStatus") + (fault == WireFault::RefusePublish ? information("error", "NetStream.Publish.BadName")
+                                                               : information("status", "NetStream.Publish.Start")));
   }
 }
 
@@ -229,9 +210,7 @@ WireServer::~WireServer() {
   ::shutdown(listener_.descriptor(), SHUT_RDWR);
   acceptor_.join();
   cut();
-  for (const auto& client : clients_) {
-    client->thread.join();
-  }
+  clients_.clear();
 }
 
 std::string WireServer::url(const std::string& name) const {
@@ -239,15 +218,10 @@ std::string WireServer::url(const std::string& name) const {
 }
 
 void WireServer::acceptLoop() {
-  for (;;) {
-    const int descriptor = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor < 0) {
-      return;
-    }
+  for (int descriptor = 0; (descriptor = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
     const std::lock_guard lock(mutex_);
     ++accepted_;
-    clients_.push_back(std::make_unique<Client>(descriptor));
-    auto& client = *clients_.back();
+    auto& client = clients_.emplace_back(descriptor);
     client.thread = std::thread([this, &client] {
       try {
         serve(client);
@@ -257,7 +231,7 @@ void WireServer::acceptLoop() {
       }
       ::shutdown(client.descriptor, SHUT_RDWR);
       ++closed_;
-      note();
+      changed_.notify_all();
     });
     changed_.notify_all();
   }
@@ -266,7 +240,7 @@ void WireServer::acceptLoop() {
 void WireServer::serve(Client& client) {
   const WireFault fault = fault_;
   while (fault == WireFault::Silent) {
-    client.readByte();
+    client.read(1);
   }
   client.handshake(fault);
   for (std::size_t mediaSeen = 0;;) {
@@ -276,60 +250,18 @@ void WireServer::serve(Client& client) {
       throw ConnectionOver{};
     }
     if (mediaSeen >= 3 && fault == WireFault::CloseMidMessage) {
-      client.readNumber(3);
+      client.read(3);
       throw ConnectionOver{};
     }
     const auto message = client.nextMessage();
     mediaSeen += message.type == 8 || message.type == 9 ? 1 : 0;
-    note(&message);
+    {
+      const std::lock_guard lock(mutex_);
+      messages_.push_back(message);
+    }
+    changed_.notify_all();
     client.answer(message, fault);
   }
-}
-
-void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
-  const auto name = commandOf(message);
-  const auto reply = [&](const char* what) {
-    Bytes body;
-    putString(body, what);
-    const auto* transaction = message.body.data() + 3 + name.size() + 1;
-    putNumber(body, name == "publish" ? 0 : std::bit_cast<double>(bigEndian(transaction, 8)));
-    body.push_back(0x05);
-    return body;
-  };
-  if (name == "connect") {
-    if (fault == WireFault::ResetAfterConnect) {
-      nextMessage();  // The chunk size, which the client sends before it waits for the answer.
-    }
-    const bool refuse = fault == WireFault::RefuseConnect;
-    Bytes body = reply(refuse ? "_error" : "_result");
-    putInfo(body, refuse ? "error" : "status",
-            refuse ? "NetConnection.Connect.Rejected" : "NetConnection.Connect.Success");
-    writeMessage(3, 20, 0, body);
-    if (fault == WireFault::ResetAfterConnect) {
-      const sockaddr nobody{AF_UNSPEC, {}};
-      (void)::connect(descriptor, &nobody, sizeof nobody);
-      throw ConnectionOver{};
-    }
-  } else if (name == "createStream" && fault == WireFault::CloseAfterConnect) {
-    throw ConnectionOver{};
-  } else if (name == "createStream" && fault != WireFault::SilentAfterConnect) {
-    Bytes body = reply("_result");
-    putNumber(body, 1);
-    writeMessage(3, 20, 0, body);
-  } else if (name == "publish") {
-    const bool refuse = fault == WireFault::RefusePublish;
-    Bytes body = reply("onStatus");
-    putInfo(body, refuse ? "error" : "status", refuse ? "NetStream.Publish.BadName" : "NetStream.Publish.Start");
-    writeMessage(5, 20, 1, body);
-  }
-}
-
-void WireServer::note(const WireMessage* message) {
-  const std::lock_guard lock(mutex_);
-  if (message != nullptr) {
-    messages_.push_back(*message);
-  }
-  changed_.notify_all();
 }
 
 std::vector<WireMessage> WireServer::messages() const {
@@ -345,26 +277,22 @@ std::vector<WireMessage> WireServer::media() const {
 
 std::vector<std::string> WireServer::commands() const {
   std::vector<std::string> names;
-  for (const auto& message : messages()) {
-    names.push_back(commandOf(message));
-  }
+  std::ranges::transform(messages(), std::back_inserter(names), commandOf);
   std::erase(names, "");
   return names;
 }
 
 bool WireServer::waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    if (holds()) {
-      return true;
-    }
+  while (!holds()) {
     std::unique_lock lock(mutex_);
-    // The predicate takes the lock itself, so a change between it and this wait may be missed: look again soon.
     if (std::chrono::steady_clock::now() >= end) {
       return false;
     }
+    // The predicate takes the lock itself, so a change between it and this wait may be missed: look again soon.
     changed_.wait_for(lock, std::chrono::milliseconds(20));
   }
+  return true;
 }
 
 bool WireServer::waitForMedia(std::size_t count) {
@@ -373,15 +301,15 @@ bool WireServer::waitForMedia(std::size_t count) {
 
 void WireServer::inject(const std::vector<std::uint8_t>& bytes) {
   const std::lock_guard lock(mutex_);
-  for (const auto& client : clients_) {
-    client->write(bytes);
+  for (auto& client : clients_) {
+    client.write(bytes);
   }
 }
 
 void WireServer::cut() {
   const std::lock_guard lock(mutex_);
   for (const auto& client : clients_) {
-    ::shutdown(client->descriptor, SHUT_RDWR);
+    ::shutdown(client.descriptor, SHUT_RDWR);
   }
 }
 

@@ -5,7 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -84,7 +84,6 @@ class WireServer {
   struct Client;
   void acceptLoop();
   void serve(Client& client);
-  void note(const WireMessage* message = nullptr);
 
   const LoopbackListener listener_;
   const std::string host_;
@@ -92,7 +91,7 @@ class WireServer {
   std::thread acceptor_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<std::unique_ptr<Client>> clients_;
+  std::list<Client> clients_;
   std::vector<WireMessage> messages_;
   std::atomic<std::size_t> accepted_{0};
   std::atomic<std::size_t> closed_{0};

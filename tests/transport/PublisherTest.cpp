@@ -101,7 +101,7 @@ TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
   EXPECT_EQ(rtmp.urls, (std::vector<std::string>{kUrl}));
   ASSERT_EQ(rtmp.sent.size(), 2U) << "the connection itself sets the waiting frame going";
   EXPECT_EQ(rtmp.sent[0].type, 0x12);
-  EXPECT_TRUE(rtmp.sent[0].absolute);
+  EXPECT_TRUE(rtmp.sent[0].absoluteTimestamp);
   EXPECT_EQ(rtmp.sent[1].type, 9);
 }
 
