@@ -90,8 +90,6 @@ std::chrono::nanoseconds ManualTime::now() const {
   return state_->now;
 }
 
-Date ManualTime::date() const { return Date(std::chrono::duration_cast<Date::duration>(now())); }
-
 bool ManualTime::runNext(std::chrono::nanoseconds end) {
   State::Work work;
   std::shared_ptr<ManualQueue> queue;
@@ -154,30 +152,22 @@ std::shared_ptr<const Platform> ManualPlatform::platform() const {
 
 struct LogCapture::Shared {
   std::mutex mutex;
-  std::vector<Message> messages;
+  std::vector<std::pair<LogLevel, std::string>> messages;
 };
 
 LogCapture::LogCapture() : shared_(std::make_shared<Shared>()) {
   setLogHandler([shared = shared_](LogLevel level, std::string_view, int, std::string_view message) {
     const std::lock_guard lock(shared->mutex);
-    shared->messages.push_back({level, std::string(message)});
+    shared->messages.emplace_back(level, message);
   });
 }
 
 LogCapture::~LogCapture() { setLogHandler({}); }
 
-std::vector<LogCapture::Message> LogCapture::messages() const {
-  const std::lock_guard lock(shared_->mutex);
-  return shared_->messages;
-}
-
-std::size_t LogCapture::count(std::string_view part) const {
-  return count(LogLevel::Error, part) + count(LogLevel::Warning, part) + count(LogLevel::Information, part);
-}
-
 std::size_t LogCapture::count(LogLevel level, std::string_view part) const {
-  return static_cast<std::size_t>(std::ranges::count_if(messages(), [&](const Message& message) {
-    return message.level == level && message.text.find(part) != std::string::npos;
+  const std::lock_guard lock(shared_->mutex);
+  return static_cast<std::size_t>(std::ranges::count_if(shared_->messages, [&](const auto& message) {
+    return message.first == level && message.second.find(part) != std::string::npos;
   }));
 }
 

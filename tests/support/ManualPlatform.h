@@ -21,7 +21,7 @@ class ManualTime : public QueueService, public MediaClock {
   std::shared_ptr<Queue> mainQueue() override { return main_; }
   std::shared_ptr<Queue> globalQueue() override { return global_; }
   [[nodiscard]] std::chrono::nanoseconds now() const override;
-  [[nodiscard]] Date date() const override;
+  [[nodiscard]] Date date() const override { return Date(std::chrono::duration_cast<Date::duration>(now())); }
 
   /// Runs everything that is due now, what it posts included.
   void runPending() { advance({}); }
@@ -97,19 +97,16 @@ struct ManualPlatform {
 /// Takes the library's messages over while it exists. One at a time.
 class LogCapture {
  public:
-  struct Message {
-    LogLevel level;
-    std::string text;
-  };
   LogCapture();
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  [[nodiscard]] std::vector<Message> messages() const;
-  /// Messages that contain `part`, of any level or of one.
-  [[nodiscard]] std::size_t count(std::string_view part) const;
+  /// Messages that contain `part`, of one level or of any.
   [[nodiscard]] std::size_t count(LogLevel level, std::string_view part) const;
+  [[nodiscard]] std::size_t count(std::string_view part) const {
+    return count(LogLevel::Error, part) + count(LogLevel::Warning, part) + count(LogLevel::Information, part);
+  }
 
  private:
   struct Shared;

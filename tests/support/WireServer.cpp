@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <map>
-#include <optional>
 #include <random>
-#include <utility>
 
 namespace zellive::test {
 namespace {
@@ -88,10 +86,8 @@ struct WireServer::Client {
   WireMessage nextMessage();
 
   struct Channel {
-    std::uint32_t timestamp = 0, field = 0, length = 0, streamId = 0;
-    std::uint8_t type = 0;
-    bool extended = false;
-    std::optional<WireMessage> partial;
+    WireMessage message;  // The one that comes in pieces; between two, the latter's header leans on the former's.
+    std::uint32_t length = 0;
   };
   const int descriptor;
   std::thread thread;
@@ -126,42 +122,41 @@ void WireServer::Client::handshake(WireFault fault) {
 WireMessage WireServer::Client::nextMessage() {
   for (;;) {
     const auto basic = readNumber(1);
-    const std::uint32_t id = basic & 0x3F;
     const auto headerType = static_cast<std::uint8_t>(basic >> 6);
-    auto& channel = channels[id];
-    const bool begins = !channel.partial;
-    if (id < 2 || (!begins && headerType != 3)) {
+    auto& [message, length] = channels[basic & 0x3F];
+    const bool begins = message.chunks++ == 0;
+    if ((basic & 0x3F) < 2 || (!begins && headerType != 3)) {
       throw Malformed{};  // An id below 2 stands for one of two or three bytes, which no publisher of ours needs.
     }
     if (headerType <= 2) {
-      channel.field = readNumber(3);
-      channel.extended = channel.field == kExtended;
+      message.timestampField = readNumber(3);
+      message.extendedTimestamp = message.timestampField == kExtended;
     }
     if (headerType <= 1) {
-      channel.length = readNumber(3);
-      channel.type = static_cast<std::uint8_t>(readNumber(1));
+      length = readNumber(3);
+      message.type = static_cast<std::uint8_t>(readNumber(1));
     }
     if (headerType == 0) {
-      channel.streamId = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
+      message.streamId = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
     }
-    if (channel.extended) {
-      const auto value = readNumber(4);
-      if (headerType == 3 && value != channel.field) {
+    if (message.extendedTimestamp) {
+      const auto field = readNumber(4);
+      if (headerType == 3 && field != message.timestampField) {
         throw Malformed{};
       }
-      channel.field = value;
+      message.timestampField = field;
     }
     if (begins) {
-      channel.timestamp = headerType == 0 ? channel.field : channel.timestamp + channel.field;
-      channel.partial = WireMessage{
-          id, headerType, channel.field, channel.extended, channel.timestamp, channel.type, channel.streamId, 0, {}};
+      message.chunkStream = basic & 0x3F;
+      message.headerType = headerType;
+      message.timestamp = message.timestampField + (headerType == 0 ? 0 : message.timestamp);
     }
-    auto& message = *channel.partial;
-    const Bytes piece = read(std::min<std::size_t>(chunkSize, channel.length - message.body.size()));
+    const Bytes piece = read(std::min<std::size_t>(chunkSize, length - message.body.size()));
     message.body.insert(message.body.end(), piece.begin(), piece.end());
-    ++message.chunks;
-    if (message.body.size() == channel.length) {
-      auto whole = *std::exchange(channel.partial, std::nullopt);
+    if (message.body.size() == length) {
+      const auto whole = message;
+      message.chunks = 0;
+      message.body.clear();
       chunkSize = whole.type == 1 ? bigEndian(whole.body) : chunkSize;
       return whole;
     }
