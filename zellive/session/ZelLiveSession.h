@@ -19,7 +19,7 @@
 #include "zellive/platform/Exception.h"
 #include "zellive/platform/PixelBuffer.h"
 #include "zellive/platform/Platform.h"
-#include "zellive/session/SoundGate.h"
+#include "zellive/session/FrameOrder.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveCaptureType.h"
 #include "zellive/session/ZelLiveDebug.h"
@@ -230,7 +230,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock);
   void logPicture(std::int64_t videoSeqId, double clock, double frameRate) const;
   void videoFrameWithoutAlignment();
-  void handOffSound();
+  void handOff(Frame frame);
+  void handOffInOrder();
   void audioCheck();
   void videoCheck();
   std::shared_ptr<Queue> mediaQueue();
@@ -278,7 +279,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::uint64_t silenceGeneration_ = 0;
 
   ZelLiveTool tool_;
-  SoundGate soundGate_;
+  FrameOrder order_;
   /// An SEI came before alignment, its slice has yet to come. The encoder's callbacks only, which never overlap.
   bool pictureBegun_ = false;
 

@@ -138,7 +138,7 @@ void ZelLiveSession::sendFillerPicture() {
     // A record is never changed once it has been handed on: the filler is a new one around the same bytes.
     auto filler = std::make_shared<ZelLiveVideoFrame>(static_cast<const ZelLiveVideoFrame&>(*last));
     filler->timestamp = static_cast<std::uint64_t>(clock);
-    pushSendBuffer(std::move(filler));
+    handOff(std::move(filler));
   }
   if (auto encoder = existingVideoEncoder()) {
     encoder->fillVideoFrame();

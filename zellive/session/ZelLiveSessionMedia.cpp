@@ -1,4 +1,5 @@
 // The road of audio and pictures from the sources through the encoders to the publisher, on one clock.
+#include <optional>
 #include <utility>
 
 #include "zellive/platform/Log.h"
@@ -125,7 +126,11 @@ void ZelLiveSession::receiveAudio(std::span<const std::uint8_t> data, double sam
     ZEL_LOG_INFO("Live: timestamp:%f seqId:(a:%lld v:%lld) ms:%f (1/2000)", clock, static_cast<long long>(seqId),
                  static_cast<long long>(videoSeqId_.load()), static_cast<double>(duration));
   }
-  pool->receiveAudioData(data, clock);
+  {
+    const FrameOrder::Making making(order_, ZelFrameKind::Audio, clock);
+    pool->receiveAudioData(data, clock);
+  }
+  handOffInOrder();
 }
 
 void ZelLiveSession::processedAudioData(ZelLiveAudioPool&, std::span<const std::uint8_t> audioData, double timeStamp) {
@@ -153,6 +158,7 @@ void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
     return;
   }
   const auto rate = configuration->videoFrameRate();
+  std::optional<FrameOrder::Making> making;
   double clock = 0;
   {
     const std::lock_guard lock(lock_);
@@ -161,9 +167,12 @@ void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
     }
     fr_ = 0;
     clock = lastAudioTimestamp_;
+    making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(pushedRate));
   render(tool_.copyPixelBuffer(pixelBuffer), clock);
+  making.reset();
+  handOffInOrder();
 }
 
 void ZelLiveSession::videoCaptureOutputPixelBuffer(ZelLiveVideoCapture*, std::shared_ptr<PixelBuffer> pixelBuffer) {
@@ -179,13 +188,17 @@ void ZelLiveSession::renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuf
   if (!uploading_ || !configuration) {
     return;
   }
+  std::optional<FrameOrder::Making> making;
   double clock = 0;
   {
     const std::lock_guard lock(lock_);
     clock = lastVideoTimestamp_ = lastAudioTimestamp_;
+    making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(configuration->videoFrameRate()));
   render(pixelBuffer, clock);
+  making.reset();
+  handOffInOrder();
 }
 
 void ZelLiveSession::logPicture(std::int64_t videoSeqId, double clock, double frameRate) const {
@@ -230,8 +243,7 @@ void ZelLiveSession::audioEncoderAudioFrame(ZelAudioEncoding&, std::shared_ptr<c
       const std::lock_guard lock(stagesLock_);
       lastAudioFrame_ = frame;
     }
-    soundGate_.add(std::move(frame));
-    handOffSound();
+    handOff(std::move(frame));
     return;
   }
   if (first) {
@@ -270,24 +282,24 @@ void ZelLiveSession::videoEncoderVideoFrame(ZelHardwareVideoEncoder&, std::share
     const std::lock_guard lock(stagesLock_);
     lastVideoFrame_ = frame;
   }
-  soundGate_.passed(frame->timestamp);
-  pushSendBuffer(std::move(frame));
+  handOff(std::move(frame));
 }
 
 void ZelLiveSession::videoEncoderDidFinishPicture(ZelHardwareVideoEncoder&) {
   if (uploading_) {
-    handOffSound();
+    handOffInOrder();
   }
 }
 
-void ZelLiveSession::handOffSound() {
+void ZelLiveSession::handOff(Frame frame) {
+  order_.add(std::move(frame));
+  handOffInOrder();
+}
+
+void ZelLiveSession::handOffInOrder() {
   const auto encoder = existingVideoEncoder();
-  const auto oldest = [&] {
-    return encoder ? encoder->oldestPicture().value_or(SoundGate::noPicture) : SoundGate::noPicture;
-  };
-  while (auto sound = soundGate_.next(oldest())) {
-    pushSendBuffer(std::move(sound));
-  }
+  order_.drain([&] { return encoder ? encoder->oldestPicture().value_or(FrameOrder::none) : FrameOrder::none; },
+               [this](Frame frame) { pushSendBuffer(std::move(frame)); });
 }
 
 void ZelLiveSession::videoFrameWithoutAlignment() {
