@@ -72,7 +72,7 @@ class SettableReachability : public AFNetworkReachabilityManager {
   ReachabilityStatus status_ = ReachabilityStatus::ReachableViaWiFi;
 };
 
-/// A whole platform on manual time. Encoders are null until a test puts its own in.
+/// A whole platform on manual time, with the machine's graphics. Encoders are null until a test puts its own in.
 struct ManualPlatform {
   ManualPlatform() = default;
   /// Drops the work that has not run: it may hold objects that hold this platform.
@@ -91,6 +91,7 @@ struct ManualPlatform {
   std::shared_ptr<SettableReachability> reachability = std::make_shared<SettableReachability>(notifications);
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
+  std::shared_ptr<GraphicsService> graphics = defaultPlatform()->graphics;
   std::shared_ptr<QMZSdwan> companion = makeLoggedOutSdwan(time->globalQueue());
 };
 

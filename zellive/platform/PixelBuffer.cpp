@@ -43,6 +43,10 @@ bool acceptable(PixelFormat format, std::size_t width, std::size_t height) {
          shapeOf(format, width, height).planeCount > 0;
 }
 
+std::size_t alignedRow(const PlaneShape& plane) {
+  return (plane.width * plane.bytesPerSample + kAlignment - 1) / kAlignment * kAlignment;
+}
+
 /// Whether rows of this length hold the plane and the plane's end can be addressed at all.
 bool rowsFit(const PlaneShape& plane, std::size_t bytesPerRow) {
   const auto addressable = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
@@ -69,7 +73,7 @@ bool PixelBuffer::allocate(PixelFormat format, std::size_t width, std::size_t he
   std::array<std::size_t, 3> offsets{};
   for (std::size_t i = 0; i < shape.planeCount; ++i) {
     const PlaneShape& plane = shape.planes[i];
-    const std::size_t bytesPerRow = (plane.width * plane.bytesPerSample + kAlignment - 1) / kAlignment * kAlignment;
+    const std::size_t bytesPerRow = alignedRow(plane);
     planes_[i] = {nullptr, bytesPerRow, plane.width, plane.height};
     offsets[i] = size;
     size += bytesPerRow * plane.height;
@@ -258,6 +262,9 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::acquire() {
 PixelFormat PixelBufferPool::format() const noexcept { return shared_->format; }
 std::size_t PixelBufferPool::width() const noexcept { return shared_->width; }
 std::size_t PixelBufferPool::height() const noexcept { return shared_->height; }
+std::size_t PixelBufferPool::bytesPerRow() const noexcept {
+  return alignedRow(shapeOf(shared_->format, shared_->width, shared_->height).planes[0]);
+}
 
 std::size_t PixelBufferPool::allocated() const {
   const std::lock_guard lock(shared_->mutex);

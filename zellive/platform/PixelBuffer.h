@@ -97,6 +97,8 @@ class PixelBufferPool {
   [[nodiscard]] PixelFormat format() const noexcept;
   [[nodiscard]] std::size_t width() const noexcept;
   [[nodiscard]] std::size_t height() const noexcept;
+  /// Bytes from one row of a picture's first plane to the next.
+  [[nodiscard]] std::size_t bytesPerRow() const noexcept;
   /// Pictures that this pool has allocated so far.
   [[nodiscard]] std::size_t allocated() const;
 

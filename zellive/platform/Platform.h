@@ -5,6 +5,7 @@
 #include "zellive/platform/AudioConverter.h"
 #include "zellive/platform/Companion.h"
 #include "zellive/platform/Device.h"
+#include "zellive/platform/GraphicsContext.h"
 #include "zellive/platform/MediaClock.h"
 #include "zellive/platform/NameService.h"
 #include "zellive/platform/NotificationCenter.h"
@@ -25,6 +26,7 @@ struct Platform {
   std::shared_ptr<NameService> names;
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
+  std::shared_ptr<GraphicsService> graphics;
   std::shared_ptr<QMZSdwan> companion;
 };
 

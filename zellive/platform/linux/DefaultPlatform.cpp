@@ -1,5 +1,6 @@
 #include "zellive/platform/Platform.h"
 #include "zellive/platform/linux/AsioQueues.h"
+#include "zellive/platform/linux/EglGraphics.h"
 #include "zellive/platform/linux/FfmpegAudioConversion.h"
 #include "zellive/platform/linux/FfmpegVideoCompression.h"
 #include "zellive/platform/linux/LinuxDevice.h"
@@ -21,6 +22,7 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->names = makeSystemNameService();
   set->videoCompression = makeFfmpegVideoCompression();
   set->audioConversion = makeFfmpegAudioConversion();
+  set->graphics = makeEglGraphics();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
   return set;
 }

@@ -1,0 +1,28 @@
+# Shaders live as files in zellive/MODULE/shaders. Each becomes a constant of the generated, internal header
+# zellive/MODULE/ShaderSources.h: Name.vsh is kNameVertexShaderString, Name.fsh is kNameFragmentShaderString. Line ends
+# and indentation become single blanks, so a shader may hold neither directives nor // comments.
+set(ZELLIVE_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
+
+function(zellive_embed_shaders module)
+  file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/zellive/${module}/shaders/*.[vf]sh)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${files})
+  set(header "#pragma once\n\nnamespace zellive {\n")
+  foreach(file IN LISTS files)
+    file(READ ${file} text)
+    if(text MATCHES "#|//")
+      message(FATAL_ERROR "${file}: a directive or a // comment would not survive embedding")
+    endif()
+    string(REGEX REPLACE "[ \t\n]+" " " text "${text}")
+    string(STRIP "${text}" text)
+    get_filename_component(name ${file} NAME_WE)
+    get_filename_component(extension ${file} EXT)
+    set(kind "Fragment")
+    if(extension STREQUAL ".vsh")
+      set(kind "Vertex")
+    endif()
+    string(APPEND header "inline constexpr char k${name}${kind}ShaderString[] =\n    R\"shader(${text})shader\";\n")
+  endforeach()
+  string(APPEND header "}  // namespace zellive\n")
+  file(CONFIGURE OUTPUT ${ZELLIVE_GENERATED_DIR}/zellive/${module}/ShaderSources.h CONTENT "${header}" @ONLY)
+  target_include_directories(zellive_${module} PRIVATE ${ZELLIVE_GENERATED_DIR})
+endfunction()
