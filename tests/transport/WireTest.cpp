@@ -361,6 +361,9 @@ TEST(Wire, RefusesUrlsThatCannotWork) {
     EXPECT_TRUE(Connection(url).open);
   }
   EXPECT_TRUE(received(server, longest));
+  const std::string query = "name?sign=a/b%2Fc&d=e/";
+  EXPECT_TRUE(Connection(root + "live/" + query).open);
+  EXPECT_TRUE(received(server, query)) << "as it stands";
 }
 
 TEST(Wire, KeepsTheStreamsKeyOutOfTheLog) {

@@ -91,7 +91,14 @@ std::string parseRtmpUrl(const std::string& text, RtmpUrl& url) {
   }
   url.forLibrtmp = std::string(scheme->name) + "://" + (bracketed ? "ipv6" : url.host) + std::string(authority);
   url.librtmpPath = url.forLibrtmp.size();
-  url.forLibrtmp += all.substr(url.path);
+  // A query that follows the stream's name travels as it stands. librtmp would take what follows its last slash for the
+  // name, and decode its escapes.
+  const std::size_t query = std::min(all.find('?', url.path), all.size());
+  const bool named = all.substr(0, query).find('/', url.path + 1) != npos;
+  for (std::size_t at = url.path; at < all.size(); ++at) {
+    const bool escaped = named && at > query && (all[at] == '/' || all[at] == '%');
+    url.forLibrtmp += !escaped ? all.substr(at, 1) : all[at] == '/' ? "%2F" : "%25";
+  }
   return {};
 }
 
