@@ -2,58 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/codec/FakeCompression.h"
 #include "tests/support/ManualPlatform.h"
 #include "zellive/session/ZelLiveSession.h"
 
 namespace zellive::test {
 
-/// An encoder that answers each picture at once with one NAL unit; the first picture and forced ones are key frames.
-class InstantVideoEncoder : public VideoCompressionService {
- public:
-  class Session : public VideoCompressionSession {
-   public:
-    Session(InstantVideoEncoder& owner, OutputHandler output) : owner_(owner), output_(std::move(output)) {}
-    int encodeFrame(const std::shared_ptr<PixelBuffer>&, std::int64_t, VideoFrameProperties properties,
-                    std::uint64_t reference) override {
-      const auto bytes = [](std::vector<std::uint8_t> content) { return Data::copyOf(content); };
-      VideoSample sample;
-      sample.sync = properties.forceKeyFrame;
-      sample.data = bytes(sample.sync ? std::vector<std::uint8_t>{0, 0, 0, 1, 0x65}
-                                      : std::vector<std::uint8_t>{0, 0, 0, 1, 0x41});
-      sample.sps = bytes({0x67, 0x64, 0, 31});
-      sample.pps = bytes({0x68, 0xEE});
-      owner_.keyFrames.push_back(sample.sync);
-      output_(reference, 0, &sample);
-      return 0;
-    }
-    void completeFrames() override {}
-    void setBitRate(std::int64_t rate, double, std::int64_t) override { owner_.bitRates.push_back(rate); }
-    [[nodiscard]] std::string encoderName() const override { return "instant"; }
-
-   private:
-    InstantVideoEncoder& owner_;
-    OutputHandler output_;
-  };
-
-  std::unique_ptr<VideoCompressionSession> create(const VideoCompressionSettings&,
-                                                  VideoCompressionSession::OutputHandler output, int& status) override {
-    status = 0;
-    return std::make_unique<Session>(*this, std::move(output));
-  }
-  std::vector<VideoEncoderDescription> available() override { return {{"instant", false}}; }
-
-  std::vector<bool> keyFrames;
-  std::vector<std::int64_t> bitRates;
-};
-
 /// An encoder that answers each chunk at once with one unit of two bytes.
-class InstantAudioEncoder : public AudioConverterService {
- public:
+struct InstantAudioEncoder : AudioConverterService {
   struct Converter : AudioConverter {
     int setEncodeBitRate(std::uint32_t) override { return 0; }
     int convert(std::span<const std::uint8_t>, std::uint64_t reference, const OutputHandler& output) override {
@@ -68,108 +31,101 @@ class InstantAudioEncoder : public AudioConverterService {
   }
 };
 
-/// What an application would write, remembering what it heard.
-struct RecordingDelegate : ZelLiveSessionDelegate {
-  void liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) override { states.push_back(state); }
-  void liveSessionErrorCode(ZelLiveSession&, std::uint64_t code) override { errors.push_back(code); }
-  void liveSessionLiveBufferCount(ZelLiveSession&, std::uint64_t count) override { counts.push_back(count); }
-  void liveSessionDebugInfo(ZelLiveSession&, const ZelLiveDebug& info) override { infos.push_back(info); }
-
-  std::vector<std::uint64_t> states;
-  std::vector<std::uint64_t> errors;
-  std::vector<std::uint64_t> counts;
-  std::vector<ZelLiveDebug> infos;
-};
-
-/// An account that answers as the test says and remembers what it was asked.
-struct ScriptedAccount : QMZAccount {
+/// The companion with its account, which answers as the test says and remembers what it was told.
+struct ScriptedRoom : QMZSdwan, QMZLoginManager, QMZAccount, std::enable_shared_from_this<ScriptedRoom> {
+  [[nodiscard]] std::shared_ptr<ScriptedRoom> self() const {
+    return std::const_pointer_cast<ScriptedRoom>(shared_from_this());
+  }
+  [[nodiscard]] std::shared_ptr<QMZLoginManager> loginManager() const override { return self(); }
+  [[nodiscard]] std::shared_ptr<QMZAccount> activeAccount() const override { return self(); }
+  [[nodiscard]] bool hasLogin() const override { return true; }
   void createLiveRoomWithParams(const QMZDictionary&, QMZCompletion) override {}
   void initLiveRoomIdWithParams(const QMZDictionary&, QMZCompletion) override {}
-  void getLivePushUrlWithRoomId(const std::string& roomId, QMZCompletion completion) override {
-    urlRequests.push_back(roomId);
-    pending.push_back(std::move(completion));
-  }
   void getLivePullUrlWithRoomId(const std::string&, QMZCompletion) override {}
-  void liveUpdateStatus(const QMZDictionary& status) override { statuses.push_back(status); }
+  void getLivePushUrlWithRoomId(const std::string&, QMZCompletion completion) override {
+    urlRequests.push_back(std::move(completion));
+  }
+  void liveUpdateStatus(const QMZDictionary& status) override {
+    const auto text = [&](const char* key) { return std::get<std::string>(status.at(key).value); };
+    statuses.push_back(text("roomId") + " " + text("liveStatus"));
+    onStatus();
+  }
   void livePostData(const QMZDictionary& data) override { figures.push_back(data); }
   void stopLiveWithRoomId(const std::optional<std::string>& roomId) override { stops.push_back(roomId); }
 
-  std::vector<std::string> urlRequests;
-  std::vector<QMZCompletion> pending;
-  std::vector<QMZDictionary> statuses;
+  std::vector<QMZCompletion> urlRequests;
+  std::vector<std::string> statuses;
   std::vector<QMZDictionary> figures;
   std::vector<std::optional<std::string>> stops;
+  std::function<void()> onStatus = [] {};
 };
 
-struct ScriptedCompanion : QMZSdwan, QMZLoginManager, std::enable_shared_from_this<ScriptedCompanion> {
-  [[nodiscard]] std::shared_ptr<QMZLoginManager> loginManager() const override {
-    return std::const_pointer_cast<ScriptedCompanion>(shared_from_this());
+/// What an application would write: notes what it heard, such as "state 2, error 205, figures, ", and where if not on
+/// the main queue.
+struct RecordingDelegate : ZelLiveSessionDelegate {
+  explicit RecordingDelegate(std::shared_ptr<Queue> mainQueue) : main(std::move(mainQueue)) {}
+  void liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) override {
+    note("state " + std::to_string(state));
   }
-  [[nodiscard]] bool hasLogin() const override { return true; }
-  [[nodiscard]] std::shared_ptr<QMZAccount> activeAccount() const override { return account; }
-  std::shared_ptr<ScriptedAccount> account = std::make_shared<ScriptedAccount>();
+  void liveSessionErrorCode(ZelLiveSession&, std::uint64_t code) override { note("error " + std::to_string(code)); }
+  void liveSessionLiveBufferCount(ZelLiveSession&, std::uint64_t count) override {
+    note("count " + std::to_string(count));
+  }
+  void liveSessionDebugInfo(ZelLiveSession&, const ZelLiveDebug&) override { note("figures"); }
+  void note(const std::string& what) { heard += what + (main->isCurrent() ? ", " : " elsewhere, "); }
+  const std::shared_ptr<Queue> main;
+  std::string heard;
 };
 
-/// A session whose publisher never touches a network: the test reports its statuses and sees what it is handed.
-class ObservedSession : public ZelLiveSession {
- public:
+/// Writes down what it hands to its publisher: "a21 K42 p42 s42 " are sound, a key frame, another picture and an SEI.
+struct ObservedSession : ZelLiveSession {
   ObservedSession(AudioConfiguration audio, VideoConfiguration video, std::int64_t type,
                   std::shared_ptr<const Platform> platform)
       : ZelLiveSession(std::move(audio), std::move(video), type, std::move(platform)) {}
-  void attach() { observeApplication(); }
-
-  std::vector<std::shared_ptr<const ZelFrame>> handedOff;
-  std::shared_ptr<ZelStreamRtmpSocket> publisher;
-
- protected:
-  std::shared_ptr<ZelStreamRtmpSocket> makeSocket(std::shared_ptr<ZelLiveStreamInfo> streamInfo) override {
-    publisher = ZelLiveSession::makeSocket(std::move(streamInfo));
-    return publisher;
-  }
+  using ZelLiveSession::observeApplication;
   void pushSendBuffer(std::shared_ptr<const ZelFrame> frame) override {
-    handedOff.push_back(frame);
+    const auto nalType = frame->data.bytes()[0] & 0x1F;
+    const char kind = frame->kind() == ZelFrameKind::Audio ? 'a' : nalType == 5 ? 'K' : nalType == 6 ? 's' : 'p';
+    handedOff += kind + std::to_string(frame->timestamp) + " ";
     ZelLiveSession::pushSendBuffer(std::move(frame));
   }
+  std::string handedOff;
 };
 
-/// A session of some type on the hand-driven platform. The publisher's URL cannot be parsed, so it never dials; its
-/// statuses come from the test.
+/// A session of some type on the hand-driven platform. Its URL cannot be parsed, so its publisher fails once and waits;
+/// what publishers tell comes from the test.
 class SessionTest : public ::testing::Test {
  protected:
   static constexpr std::int64_t kPushed = ZelLiveInputAudio | ZelLiveInputVideo;
 
   SessionTest() {
-    manual.videoCompression = videoEncoder;
-    manual.audioConversion = audioEncoder;
-    manual.companion = companion;
+    manual.videoCompression = encoder;
+    manual.audioConversion = std::make_shared<InstantAudioEncoder>();
+    manual.companion = room;
   }
-
   ~SessionTest() override {
-    if (session) {
-      session->publisher.reset();
-      session.reset();
-    }
+    session.reset();
     manual.runPending();  // What ends a stream runs after it, and holds the platform.
   }
 
-  void make(std::int64_t type) {
-    session = std::make_shared<ObservedSession>(audio, video, type, manual.platform());
-    session->attach();
-    session->setDelegate(delegate);
+  void make(std::int64_t type, std::shared_ptr<const Platform> platform = nullptr) {
+    session = std::make_shared<ObservedSession>(audio, video, type, platform ? platform : manual.platform());
+    session->observeApplication();
+    session->setReconnectInterval(1'000'000);
   }
+  void report(std::uint64_t status) { session->socketStatus(*publisher, status); }
   /// Makes, starts and connects.
   void connect(std::int64_t type) {
     make(type);
+    session->setDelegate(delegate);
     session->startLive(info);
-    session->socketStatus(*session->publisher, ZelStreamSocketStatusConnected);
-    manual.runPending();
-    delegate->states.clear();
+    report(ZelStreamSocketStatusConnected);
+    (void)heard();
   }
   /// 1024 samples of PCM, 21.33 ms.
   void pushAudio(int blocks = 1) {
-    const std::vector<std::uint8_t> block(2048);
     for (int i = 0; i < blocks; ++i) {
-      session->pushAudio(block);
+      session->pushAudio(std::vector<std::uint8_t>(2048));
     }
   }
   void pushPicture(int pictures = 1) {
@@ -182,31 +138,39 @@ class SessionTest : public ::testing::Test {
   void align() {
     pushAudio(2);
     pushPicture();
-    session->handedOff.clear();
+    (void)take();
   }
-  [[nodiscard]] std::size_t handedOff(ZelFrameKind kind) const {
-    std::size_t count = 0;
-    for (const auto& frame : session->handedOff) {
-      count += frame->kind() == kind ? 1 : 0;
-    }
-    return count;
+  /// The encoder gives a NAL unit.
+  void give(std::uint8_t header, bool key) {
+    auto frame = std::make_shared<ZelLiveVideoFrame>();
+    frame->isKeyFrame = key;
+    frame->data = Data::copyOf(std::vector<std::uint8_t>{header, 1});
+    session->videoEncoderVideoFrame(*ZelHardwareVideoEncoder::create(video, manual.platform()), frame);
+  }
+  /// What was handed off since the last look, or how much of a kind.
+  std::string take() { return std::exchange(session->handedOff, {}); }
+  std::ptrdiff_t take(char kind) { return std::ranges::count(take(), kind); }
+  /// What the application heard since then.
+  std::string heard() {
+    manual.runPending();
+    return std::exchange(delegate->heard, {});
   }
 
   ManualPlatform manual;
-  std::shared_ptr<InstantVideoEncoder> videoEncoder = std::make_shared<InstantVideoEncoder>();
-  std::shared_ptr<InstantAudioEncoder> audioEncoder = std::make_shared<InstantAudioEncoder>();
-  std::shared_ptr<ScriptedCompanion> companion = std::make_shared<ScriptedCompanion>();
+  std::shared_ptr<FakeCompression> encoder = std::make_shared<FakeCompression>();
+  std::shared_ptr<ScriptedRoom> room = std::make_shared<ScriptedRoom>();
   std::shared_ptr<ZelLiveAudioConfiguration> audio = ZelLiveAudioConfiguration::defaultConfiguration();
   std::shared_ptr<ZelLiveVideoConfiguration> video =
       std::make_shared<ZelLiveVideoConfiguration>(ZelLiveVideoQualityMedium, kPushed, 1, manual.device);
-  std::shared_ptr<ZelLiveStreamInfo> info = [this] {
+  std::shared_ptr<ZelLiveStreamInfo> info = [] {
     auto streamInfo = std::make_shared<ZelLiveStreamInfo>();
     streamInfo->setUrl("not a url");
-    streamInfo->audioConfiguration = audio;
-    streamInfo->videoConfiguration = video;
     return streamInfo;
   }();
-  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+  /// Stands for the session's own wherever a publisher tells something.
+  const std::shared_ptr<ZelStreamRtmpSocket> publisher =
+      ZelStreamRtmpSocket::create(info, 0, 0, ManualPlatform().platform());
+  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(manual.time->mainQueue());
   std::shared_ptr<ObservedSession> session;
 };
 
