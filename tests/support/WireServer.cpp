@@ -240,7 +240,7 @@ void WireServer::serve(Client& client) {
   client.handshake(fault);
   for (std::size_t mediaSeen = 0;;) {
     if (mediaSeen >= 3 && fault == WireFault::StopReading) {
-      pollfd hangUp{client.descriptor, 0, 0};
+      pollfd hangUp{client.descriptor, POLLRDHUP, 0};
       ::poll(&hangUp, 1, -1);  // Nothing is read; only the end of the connection is seen.
       throw ConnectionOver{};
     }

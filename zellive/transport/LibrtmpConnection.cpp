@@ -1,6 +1,8 @@
 #include "zellive/transport/LibrtmpConnection.h"
 
 #include <librtmp/rtmp.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -378,22 +380,33 @@ void LibrtmpConnection::shut(bool politely) {
     setupTimer_->cancel();
   }
   watch_.reset();
-  if (const int socket = switch_->socket(); socket >= 0) {
-    // With room in the send buffer the two short messages of a goodbye do not block.
-    const bool goodbye = politely && publishing_ && isConnected() &&
-                         switch_->wait(socket, POLLOUT, Clock::now() + options_.closeLimit) == AbortSwitch::Wait::Ready;
+  const int socket = switch_->socket();
+  const auto deadline = Clock::now() + options_.closeLimit;
+  const auto allHasLeft = [&] { return switch_->wait(socket, POLLOUT, deadline) == AbortSwitch::Wait::Ready; };
+  // A reset: without it a server that reads nothing would not learn of the end, and keep the stream's name taken.
+  const auto resetWhenClosed = [socket] {
+    const linger now{1, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  };
+  bool goodbye = false;
+  if (socket >= 0) {
+    // From here on the socket counts as writable when the kernel holds nothing that is yet to leave.
+    const int leastUnsent = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &leastUnsent, sizeof leastUnsent);
     setSocketTimeout(socket, SO_SNDTIMEO, options_.closeLimit);
     setSocketTimeout(socket, SO_RCVTIMEO, options_.closeLimit);
+    goodbye = politely && publishing_ && isConnected() && allHasLeft();
     if (!goodbye) {
-      // A reset: without it the server would keep the stream's name taken until all that is unsent has reached it.
-      const linger now{1, 0};
-      ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+      resetWhenClosed();
       ::shutdown(socket, SHUT_RDWR);
     }
     rtmp_->m_stream_id = goodbye ? streamId_ : 0;
   }
   publishing_ = false;
   RTMP_Close(rtmp_.get());
+  if (goodbye && !allHasLeft()) {
+    resetWhenClosed();
+  }
   switch_->release();
 }
 

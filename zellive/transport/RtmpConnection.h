@@ -72,7 +72,7 @@ struct RtmpOptions {
   std::chrono::milliseconds setupLimit{10000};   ///< For handshake, connect and publish together.
   std::chrono::seconds receiveLimit{2};          ///< For each wait for the server's answer.
   std::chrono::milliseconds sendLimit{10000};    ///< For a server that takes nothing.
-  std::chrono::milliseconds closeLimit{500};     ///< For the last words to a server.
+  std::chrono::milliseconds closeLimit{500};     ///< For the last words to a server; after it, a reset.
   std::uint32_t sendBufferBytes = 128 * 1024;    ///< Of the kernel; keeps a slow network visible in our own queue.
   std::uint32_t chunkSize = 65536;               ///< Of what we send.
 };

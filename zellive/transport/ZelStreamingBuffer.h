@@ -45,7 +45,8 @@ class ZelStreamingBufferDelegate {
 class ZelStreamingBuffer : public std::enable_shared_from_this<ZelStreamingBuffer> {
  public:
   using Frame = ZelFrameList::Frame;
-  /// A frame that this many younger ones have overtaken on the way here still leaves in order; one more, and it does not.
+  /// A frame that this many younger ones have overtaken on the way here still leaves in order; one more, and it does
+  /// not.
   static constexpr std::size_t sortCount = 5;
   using AudioConfiguration = std::shared_ptr<ZelLiveAudioConfiguration>;
   using VideoConfiguration = std::shared_ptr<ZelLiveVideoConfiguration>;
