@@ -63,7 +63,7 @@ ZelHardwareAudioEncoder::ZelHardwareAudioEncoder(std::shared_ptr<ZelLiveAudioCon
       leftBuf_(usableLength(configuration_->bufferLength())) {}
 
 ZelHardwareAudioEncoder::~ZelHardwareAudioEncoder() {
-  ZEL_LOG_INFO("%s %s", __func__, describeObject("ZelHardwareAudioEncoder", this).c_str());
+  ZEL_LOG_INFO("dealloc %s", describeObject("ZelHardwareAudioEncoder", this).c_str());
 }
 
 void ZelHardwareAudioEncoder::setDelegate(std::weak_ptr<ZelAudioEncodingDelegate> delegate) {

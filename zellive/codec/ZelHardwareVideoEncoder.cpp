@@ -74,7 +74,7 @@ ZelHardwareVideoEncoder::ZelHardwareVideoEncoder(std::shared_ptr<ZelLiveVideoCon
       encodeQueue_(platform_->queues->makeSerialQueue("com.morrowfen.videoEncode.queue")) {}
 
 ZelHardwareVideoEncoder::~ZelHardwareVideoEncoder() {
-  ZEL_LOG_INFO("Live: %s %s", __func__, describeObject("ZelHardwareVideoEncoder", this).c_str());
+  ZEL_LOG_INFO("Live: dealloc %s", describeObject("ZelHardwareVideoEncoder", this).c_str());
 }
 
 void ZelHardwareVideoEncoder::createCompressionSession() {

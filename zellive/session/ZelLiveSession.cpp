@@ -64,7 +64,7 @@ ZelLiveSession::ZelLiveSession(AudioConfiguration audioConfiguration, VideoConfi
 }
 
 ZelLiveSession::~ZelLiveSession() {
-  ZEL_LOG_INFO("Live: %s %s", "dealloc", describeObject("ZelLiveSession", this).c_str());
+  ZEL_LOG_INFO("Live: dealloc %s", describeObject("ZelLiveSession", this).c_str());
   // A publisher that waits to reconnect keeps itself alive: without this it would go on with nobody to feed it.
   if (auto publisher = socket()) {
     publisher->stop();

@@ -78,7 +78,7 @@ class FfmpegAudioConverter final : public AudioConverter {
       pending_.pop_back();
       return status;
     }
-    return receive(output);
+    return ffmpeg::receivePackets(*context_, *packet_, [&] { deliver(output); });
   }
 
  private:
@@ -118,20 +118,6 @@ class FfmpegAudioConverter final : public AudioConverter {
       for (std::size_t index = 0; index < kFramesPerUnit; ++index) {
         samples[index] = static_cast<float>(sampleAt(from + index * channels * kBytesPerSample)) / 32768.0F;
       }
-    }
-  }
-
-  int receive(const OutputHandler& output) {
-    for (;;) {
-      const int status = avcodec_receive_packet(context_.get(), packet_.get());
-      if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) {
-        return 0;
-      }
-      if (status < 0) {
-        return status;
-      }
-      deliver(output);
-      av_packet_unref(packet_.get());
     }
   }
 

@@ -31,6 +31,18 @@ inline constexpr int kSilent = AV_LOG_TRACE;
 /// The words for an error of libavcodec's.
 [[nodiscard]] std::string errorText(int status);
 
+/// Gives every packet that the encoder has ready to `deliver`, through `packet`; an error of libavcodec's, or 0.
+int receivePackets(AVCodecContext& encoder, AVPacket& packet, const auto& deliver) {
+  for (;;) {
+    const int status = avcodec_receive_packet(&encoder, &packet);
+    if (status < 0) {
+      return status == AVERROR(EAGAIN) || status == AVERROR_EOF ? 0 : status;
+    }
+    deliver();
+    av_packet_unref(&packet);
+  }
+}
+
 /// Takes the packet's reference to its memory, which then lives as long as the result. Empty for a packet of none.
 [[nodiscard]] std::shared_ptr<const void> takeMemory(AVPacket& packet);
 

@@ -192,17 +192,7 @@ int FfmpegVideoSession::upload(const AVFrame& frame) {
 }
 
 int FfmpegVideoSession::receive() {
-  for (;;) {
-    const int status = avcodec_receive_packet(context_.get(), packet_.get());
-    if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) {
-      return 0;
-    }
-    if (status < 0) {
-      return status;
-    }
-    deliver(*packet_);
-    av_packet_unref(packet_.get());
-  }
+  return ffmpeg::receivePackets(*context_, *packet_, [this] { deliver(*packet_); });
 }
 
 void FfmpegVideoSession::deliver(AVPacket& packet) {
