@@ -17,12 +17,12 @@ using test::Bytes;
 
 struct Collector : ZelAudioEncodingDelegate {
   void audioEncoderAudioFrame(ZelAudioEncoding&, std::shared_ptr<const ZelLiveAudioFrame> frame) override {
-    bytes += frame->data.length();
+    bits += 8 * static_cast<double>(frame->data.length());
     frames.push_back(std::move(frame));
     onFrame();
   }
   std::vector<std::shared_ptr<const ZelLiveAudioFrame>> frames;
-  std::size_t bytes = 0;
+  double bits = 0;
   std::function<void()> onFrame = [] {};
 };
 
@@ -56,24 +56,19 @@ TEST_F(ZelHardwareAudioEncoderTest, EachUnitDecodesToItsChunkAndBearsTheStampOfT
   const struct {
     std::uint64_t rate, channels;
     std::vector<std::size_t> lengths;  ///< Of the calls, over and over.
-  } cases[] = {{48000, 1, {2048}},
-               {44100, 2, {1, 4095, 0, 8193, 4094, 0, 1}},
-               {16000, 2, {100, 24000}},
-               {48000, 1, {1023, 1}},
-               {48000, 1, {1'000'000}}};
+  } cases[] = {{48000, 1, {2048}}, {44100, 2, {1, 4095, 0, 8193, 4094, 0, 1}}, {16000, 2, {100, 24000}}};
   for (const auto& [rate, channels, lengths] : cases) {
-    SCOPED_TRACE(lengths.front());
+    SCOPED_TRACE(rate);
     make(rate, channels, 128000);
-    Bytes pcm(std::max<std::size_t>(40 * 2048 * channels, lengths.front()));
-    for (std::size_t index = 0; index < pcm.size() / 2; ++index) {
-      const auto sample = std::lround(toneAt(rate, index % channels, index / channels) * 32767);
-      pcm[2 * index] = static_cast<std::uint8_t>(sample);
-      pcm[2 * index + 1] = static_cast<std::uint8_t>(sample >> 8);
+    std::vector<std::int16_t> tones(40 * 1024 * channels);
+    for (std::size_t index = 0; index < tones.size(); ++index) {
+      tones[index] = static_cast<std::int16_t>(toneAt(rate, index % channels, index / channels) * 32767);
     }
+    const std::span pcm(reinterpret_cast<const std::uint8_t*>(tones.data()), 2 * tones.size());
     std::vector<std::uint64_t> stamps;
     std::size_t at = 0;
     for (std::uint64_t call = 0; at < pcm.size(); ++call) {
-      const auto part = std::span(pcm).subspan(at, std::min(lengths[call % lengths.size()], pcm.size() - at));
+      const auto part = pcm.subspan(at, std::min(lengths[call % lengths.size()], pcm.size() - at));
       at += part.size();
       stamps.resize(at / (2048 * channels), 5000 + call * 21);
       encoder_->encodeAudioData(part, 5000 + call * 21);
@@ -81,7 +76,7 @@ TEST_F(ZelHardwareAudioEncoderTest, EachUnitDecodesToItsChunkAndBearsTheStampOfT
     const auto& frames = collector_->frames;
     ASSERT_GE(frames.size() + 3, stamps.size());
     test::Decoder decoder(AV_CODEC_ID_AAC, frames[0]->audioInfo.span());
-    for (std::size_t unit = 0; unit < std::min<std::size_t>(frames.size(), 100); ++unit) {
+    for (std::size_t unit = 0; unit < frames.size(); ++unit) {
       ASSERT_EQ(frames[unit]->timestamp, stamps[unit]) << unit;
       EXPECT_EQ(frames[unit]->audioInfo.bytes(), frames[0]->audioInfo.bytes()) << "shared by all";
       const auto decoded = decoder.decode(frames[unit]->data);
@@ -106,12 +101,11 @@ TEST_F(ZelHardwareAudioEncoderTest, BitRateSetsTheSizeOfUnits) {
   std::mt19937 random(3);
   Bytes noise(100 * 2048);
   std::ranges::generate(noise, [&] { return static_cast<std::uint8_t>(random()); });
-  for (const std::uint64_t bitRate : {64000, 160000}) {
-    make(48000, 1, bitRate);
+  for (const int bitRate : {64000, 160000}) {
+    make(48000, 1, static_cast<std::uint64_t>(bitRate));
     encoder_->encodeAudioData(noise, 0);
-    const double seconds = static_cast<double>(collector_->frames.size()) * 1024 / 48000;
-    EXPECT_NEAR(static_cast<double>(collector_->bytes) * 8 / seconds, static_cast<double>(bitRate),
-                static_cast<double>(bitRate) * 0.18);
+    EXPECT_NEAR(collector_->bits * 48000 / 1024 / static_cast<double>(collector_->frames.size()), bitRate,
+                bitRate * 0.18);
   }
 }
 
@@ -123,9 +117,8 @@ TEST_F(ZelHardwareAudioEncoderTest, EveryCallTriesAgainForAConverter) {
   EXPECT_EQ(log_.count(LogLevel::Error, "Live: AudioConverterNewSpecific() error, "), 2U);
   EXPECT_EQ(log_.count(LogLevel::Error, "Live: AudioConverterFillComplexBuffer() error, "), 1U);
   configuration_->setAudioSampleRate(48000);
-  for (std::uint64_t stamp = 3; stamp < 8; ++stamp) {
-    encoder_->encodeAudioData(std::span(pcm).first(stamp == 3 ? 1048 : 2048), stamp);
-  }
+  encoder_->encodeAudioData(std::span(pcm).first(1048), 3);
+  encoder_->encodeAudioData(Bytes(4 * 2048), 4);
   ASSERT_FALSE(collector_->frames.empty());
   EXPECT_EQ(collector_->frames[0]->timestamp, 3U);
   EXPECT_EQ(log_.count(LogLevel::Warning, "refuses 1 bit/s"), 1U);
@@ -134,9 +127,12 @@ TEST_F(ZelHardwareAudioEncoderTest, EveryCallTriesAgainForAConverter) {
 }
 
 TEST_F(ZelHardwareAudioEncoderTest, AbsurdFormatsAreRefused) {
-  constexpr auto most = ~std::uint64_t{0};
-  for (const auto& [rate, channels] : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
-           {0, 1}, {most, 2}, {48000, 0}, {48000, 15}, {48000, std::uint64_t{1} << 53}, {48000, most}}) {
+  for (const auto& [rate, channels] : {std::pair{0ULL, 1ULL},
+                                       {~0ULL, 2ULL},
+                                       {48000ULL, 0ULL},
+                                       {48000ULL, 15ULL},
+                                       {48000ULL, 1ULL << 53},
+                                       {48000ULL, ~0ULL}}) {
     const test::LogCapture log;
     make(rate, channels, 128000);
     encoder_->encodeAudioData(Bytes(100'000), 1);
@@ -148,11 +144,9 @@ TEST_F(ZelHardwareAudioEncoderTest, AbsurdFormatsAreRefused) {
 TEST_F(ZelHardwareAudioEncoderTest, MayBeDestroyedByItsDelegate) {
   make(48000, 1, 128000);
   collector_->onFrame = [this] { encoder_.reset(); };
-  const std::weak_ptr<ZelHardwareAudioEncoder> weak = encoder_;
   encoder_->encodeAudioData(Bytes(20 * 2048), 1);
   EXPECT_GE(collector_->frames.size(), 17U);
-  EXPECT_TRUE(weak.expired());
-  EXPECT_EQ(log_.count(LogLevel::Information, "<ZelHardwareAudioEncoder: 0x"), 1U);
+  EXPECT_EQ(log_.count(LogLevel::Information, "~ZelHardwareAudioEncoder <ZelHardwareAudioEncoder: 0x"), 1U);
 }
 
 }  // namespace

@@ -13,30 +13,34 @@
 namespace zellive::test {
 
 /// Compression sessions that write down what is asked of them and answer at once: with the sample that a test sets,
-/// else with one slice.
+/// else with one slice. With a real service behind them they only pass on what they are not told to refuse.
 struct FakeCompression : VideoCompressionService {
   struct Session : VideoCompressionSession {
-    Session(FakeCompression& owner, OutputHandler handler) : fake(owner), output(std::move(handler)) { ++fake.alive; }
+    explicit Session(FakeCompression& owner) : fake(owner) { ++fake.alive; }
     ~Session() override { --fake.alive; }
-    int encodeFrame(const std::shared_ptr<PixelBuffer>&, std::int64_t presentationTime, VideoFrameProperties properties,
-                    std::uint64_t reference) override {
+    int encodeFrame(const std::shared_ptr<PixelBuffer>& picture, std::int64_t presentationTime,
+                    VideoFrameProperties properties, std::uint64_t reference) override {
       const bool key = properties.forceKeyFrame;
       fake.trace += !key ? 'p' : properties.leadingSei ? 'S' : 'K';
       fake.lastTime = presentationTime;
-      const std::vector<std::uint8_t> slice{0, 0, 0, 1, static_cast<std::uint8_t>(key ? 0x65 : 0x41)};
-      const VideoSample plain{Data::copyOf(slice), key, Data::copyOf({slice}), Data::copyOf({slice})};
-      if (fake.encodeStatus == 0) {
-        output(reference, 0, fake.sample != nullptr ? fake.sample : &plain);
+      if (const int status = fake.encodeStatus; status != 0 || real) {
+        return status != 0 ? status : real->encodeFrame(picture, presentationTime, properties, reference);
       }
-      return fake.encodeStatus;
+      const auto slice =
+          Data::copyOf(std::vector<std::uint8_t>{0, 0, 0, 1, static_cast<std::uint8_t>(key ? 0x65 : 0x41)});
+      const VideoSample plain{slice, key, slice, slice};
+      output(reference, 0, fake.sample != nullptr ? fake.sample : &plain);
+      return 0;
     }
-    void completeFrames() override { ++fake.completions; }
-    void setBitRate(std::int64_t average, double limitBytes, std::int64_t limitSeconds) override {
-      fake.rates.emplace_back(average, limitBytes, limitSeconds);
+    void completeFrames() override { real ? real->completeFrames() : void(++fake.completions); }
+    void setBitRate(std::int64_t average, double limitBytes, std::int64_t seconds) override {
+      real ? real->setBitRate(average, limitBytes, seconds)
+           : void(fake.rates.emplace_back(average, limitBytes, seconds));
     }
     [[nodiscard]] std::string encoderName() const override { return "fake"; }
     FakeCompression& fake;
-    const OutputHandler output;
+    OutputHandler output;
+    std::unique_ptr<VideoCompressionSession> real;
   };
 
   std::unique_ptr<VideoCompressionSession> create(const VideoCompressionSettings& settings,
@@ -46,13 +50,17 @@ struct FakeCompression : VideoCompressionService {
     onMaking();
     asked = settings;
     output = handler;
+    auto session = std::make_unique<Session>(*this);
+    session->output = handler;
     status = createStatus;
-    return status == 0 ? std::make_unique<Session>(*this, std::move(handler)) : nullptr;
+    session->real = behind ? behind->create(settings, std::move(handler), status) : nullptr;
+    return status == 0 ? std::move(session) : nullptr;
   }
   std::vector<VideoEncoderDescription> available() override { return {}; }
 
+  std::shared_ptr<VideoCompressionService> behind;
   int createStatus = 0;
-  int encodeStatus = 0;
+  std::atomic<int> encodeStatus = 0;
   const VideoSample* sample = nullptr;
   std::function<void()> onMaking = [] {};
   VideoCompressionSettings asked;

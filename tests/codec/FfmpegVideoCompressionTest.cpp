@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <limits>
 #include <numeric>
 #include <thread>
 
@@ -31,19 +30,18 @@ VideoCompressionSettings settingsFor(std::int32_t width, std::int32_t height, st
 /// A session with all that it has given.
 struct Recorder {
   explicit Recorder(const VideoCompressionSettings& settings) {
-    session = makeFfmpegVideoCompression()->create(
-        settings,
-        [this](std::uint64_t reference, int outputStatus, const VideoSample* sample) {
-          ASSERT_TRUE(outputStatus == 0 && sample != nullptr);
-          if (sample->sync) {
-            syncs.push_back(static_cast<int>(samples.size()));
-          }
-          references.push_back(reference);
-          samples.push_back(*sample);
-          bits.push_back(8 * static_cast<double>(sample->data.length()));
-        },
-        status);
-    EXPECT_EQ(status, 0);
+    int failure = 1;
+    const auto note = [this](std::uint64_t reference, int status, const VideoSample* sample) {
+      ASSERT_TRUE(status == 0 && sample != nullptr);
+      if (sample->sync) {
+        syncs.push_back(static_cast<int>(samples.size()));
+      }
+      references.push_back(reference);
+      samples.push_back(*sample);
+      bits.push_back(8 * static_cast<double>(sample->data.length()));
+    };
+    session = makeFfmpegVideoCompression()->create(settings, note, failure);
+    EXPECT_EQ(failure, 0);
   }
   /// Picture n, counted from 1, has reference 33 n.
   int encode(const std::shared_ptr<PixelBuffer>& picture, VideoFrameProperties properties = {}) {
@@ -51,7 +49,6 @@ struct Recorder {
     return session->encodeFrame(picture, pictures, properties, static_cast<std::uint64_t>(pictures) * 33);
   }
 
-  int status = 1;
   std::int64_t pictures = 0;
   std::vector<std::uint64_t> references;
   std::vector<VideoSample> samples;
@@ -59,14 +56,6 @@ struct Recorder {
   std::vector<double> bits;
   std::unique_ptr<VideoCompressionSession> session;
 };
-
-std::vector<int> nalTypes(std::span<const std::uint8_t> units) {
-  std::vector<int> types;
-  for (; units.size() > 4; units = units.subspan(4U + (units[2] << 8) + units[3])) {
-    types.push_back(units[4] & 0x1F);
-  }
-  return types;
-}
 
 /// With one thread no picture is held back; with several, some are until the session is told to complete them.
 TEST(FfmpegVideoCompression, MakesOneSliceAPictureWithKeyFramesAndSeiWhereAsked) {
@@ -89,22 +78,20 @@ TEST(FfmpegVideoCompression, MakesOneSliceAPictureWithKeyFramesAndSeiWhereAsked)
     recorder.session->completeFrames();
     // A stream that had to be completed goes on with a key frame.
     EXPECT_EQ(recorder.syncs, threads ? (std::vector{0, 20, 45, 50}) : (std::vector{0, 20, 45}));
-    ASSERT_EQ(recorder.encode(restlessScene(320, 180, 51)), 0);
-    recorder.session.reset();  // Gives nothing more, but what it gave stays.
-    ASSERT_EQ(recorder.samples.size(), threads ? 51U : 52U);
+    recorder.session.reset();  // What it gave stays.
+    ASSERT_EQ(recorder.samples.size(), 51U);
     auto decoder = test::Decoder::h264(recorder.samples[0]);
     for (std::size_t index = 0; index < 51; ++index) {
       const VideoSample& sample = recorder.samples[index];
       EXPECT_EQ(recorder.references[index], 33 * (index + 1));
-      EXPECT_EQ(nalTypes(sample.data.span()), index == 20 ? (std::vector{6, 5}) : std::vector{sample.sync ? 5 : 1});
+      const auto units = test::nalUnits(sample.data.span());
+      ASSERT_EQ(units.size(), index == 20 ? 2U : 1U);
+      EXPECT_EQ(units.back()[0] & 0x1F, sample.sync ? 5 : 1);
+      EXPECT_TRUE(index != 20 || (units[0][0] == 6 && std::ranges::search(units[0], std::string_view("ZelLive"))));
       const auto frame = decoder.decode(sample.data);
       ASSERT_NE(frame, nullptr) << "picture " << index << " does not decode at once";
       EXPECT_EQ(frame->pict_type, sample.sync ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_P);
     }
-    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(recorder.samples[20].data.bytes()) + 23, 8),
-              "ZelLive\x80");
-    EXPECT_EQ(decoder.context().profile, FF_PROFILE_H264_HIGH);
-    EXPECT_EQ(decoder.context().has_b_frames, 0);
     EXPECT_EQ(recorder.samples[0].pps.bytes()[1] & 0xE0, 0xE0) << "ids 0 and 0, then CABAC";
   }
 }
@@ -119,7 +106,7 @@ TEST(FfmpegVideoCompression, FollowsTheBitRateAndKeepsItsLimit) {
   int index = 0;
   for (const auto& [bitRate, stillUntil] : stages) {
     const auto rate = static_cast<double>(bitRate);
-    std::thread([&] { recorder.session->setBitRate(bitRate, rate * 1.5 / 8, 1); }).join();
+    recorder.session->setBitRate(bitRate, rate * 1.5 / 8, 1);
     for (int picture = 0; picture < 90; ++picture, ++index) {
       const auto scene = picture < stillUntil ? still : restlessScene(320, 180, index);
       ASSERT_EQ(recorder.encode(scene, {.forceKeyFrame = index % 60 == 0}), 0);
@@ -134,46 +121,27 @@ TEST(FfmpegVideoCompression, FollowsTheBitRateAndKeepsItsLimit) {
   EXPECT_EQ(recorder.syncs, (std::vector{0, 60, 120, 180, 240, 300})) << "neither rate nor cut adds one";
 }
 
-TEST(FfmpegVideoCompression, KeyFrameIntervalIsCountedInFramesElseInSeconds) {
-  constexpr auto most = std::numeric_limits<std::uint64_t>::max();
-  const std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::vector<int>> cases[] = {
-      {12, 1, 10, {0, 12, 24}}, {0, 2, 10, {0, 20}}, {0, 0, 10, {0}}, {0, 1, 0, {0, 30}}, {most, most, 10, {0}}};
-  for (const auto& [frames, seconds, rate, expected] : cases) {
-    auto settings = settingsFor(64, 64, 300'000);
-    settings.maxKeyFrameInterval = frames;
-    settings.maxKeyFrameIntervalDuration = seconds;
-    settings.expectedFrameRate = rate;
-    Recorder recorder(settings);
-    for (int index = 0; index < 32; ++index) {
-      ASSERT_EQ(recorder.encode(restlessScene(64, 64, index)), 0);
-    }
-    EXPECT_EQ(recorder.syncs, expected) << frames << " frames, " << seconds << " s";
-  }
-}
-
 TEST(FfmpegVideoCompression, EveryFormatGivesTheRightPicture) {
   using enum PixelFormat;
+  using enum ColorMatrix;
   const struct {
     PixelFormat first;  ///< Settles the stream's range and matrix.
     PixelFormat second;
     int width, height;  ///< Of the pictures.
-    ColorMatrix matrix = ColorMatrix::Unspecified;
+    ColorMatrix matrix = Unspecified;
     AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
     int codedWidth = 320, codedHeight = 180;
   } cases[] = {
       {Planar, BiPlanarFullRange, 320, 180},
-      {Planar, BiPlanarFullRange, 640, 360},
       {Planar, Planar, 640, 360},
-      {BiPlanarVideoRange, Planar, 320, 180, ColorMatrix::BT709, AVCOL_SPC_BT709},
-      {BiPlanarVideoRange, BiPlanarFullRange, 200, 200, ColorMatrix::BT601, AVCOL_SPC_SMPTE170M},
+      {BiPlanarVideoRange, Planar, 320, 180, BT709, AVCOL_SPC_BT709},
+      {BiPlanarVideoRange, BiPlanarFullRange, 200, 200, BT601, AVCOL_SPC_SMPTE170M},
       {BiPlanarFullRange, BiPlanarVideoRange, 320, 180},
       {BiPlanarFullRange, BGRA, 320, 180},
-      {BGRA, BiPlanarVideoRange, 320, 180, ColorMatrix::Unspecified, AVCOL_SPC_SMPTE170M},
-      {BGRA, BGRA, 700, 500, ColorMatrix::Unspecified, AVCOL_SPC_SMPTE170M},
-      {BGRA, BGRA, 161, 91, ColorMatrix::Unspecified, AVCOL_SPC_SMPTE170M},
+      {BGRA, BiPlanarVideoRange, 161, 91, Unspecified, AVCOL_SPC_SMPTE170M},
       // Odd sizes lose their last column and row: a scaled picture would be off towards the edges.
-      {BGRA, Planar, 17, 19, ColorMatrix::Unspecified, AVCOL_SPC_SMPTE170M, 17, 19},
-      {BiPlanarVideoRange, BiPlanarVideoRange, 17, 19, ColorMatrix::BT709, AVCOL_SPC_BT709, 17, 19},
+      {BGRA, Planar, 17, 19, Unspecified, AVCOL_SPC_SMPTE170M, 17, 19},
+      {BiPlanarVideoRange, BiPlanarVideoRange, 17, 19, BT709, AVCOL_SPC_BT709, 17, 19},
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(&test - cases);
@@ -202,13 +170,11 @@ TEST(FfmpegVideoCompression, TakesTheBestEncoderThatWorksUnlessOneIsNamedAndSays
       {320, 240, {"x264", "hasty"}, "preset \"hasty\"", ""},
       {320, 240, {"h264_abacus", ""}, "there is no video encoder \"h264_abacus\"", ""},
       {-320, 180, {"", ""}, "cannot encode pictures of -320 x 180", ""},
-      {16386, 16, {"", ""}, "cannot encode pictures of 16386 x 16", ""},
       {16384, 16384, {"libx264", ""}, "libx264 refuses 16384 x 16384", ""},
   };
   for (const std::string name : {"h264_nvenc", "h264_vaapi"}) {
     if (std::ranges::find(working, name, &VideoEncoderDescription::name) == working.end()) {
-      cases.emplace_back(320, 240, VideoEncoderOptions{name, ""},
-                         "video encoder " + name + " does not work on this machine", "");
+      cases.push_back({320, 240, {name, ""}, "video encoder " + name + " does not work on this machine", ""});
     }
   }
   for (const auto& [width, height, options, message, taken] : cases) {
@@ -237,10 +203,9 @@ TEST(FfmpegVideoCompression, AbsurdSettingsAndBadPicturesDoNoHarm) {
     recorder.session->setBitRate(bitRate, limit, bitRate);
     EXPECT_NE(recorder.encode(nullptr), 0);
     EXPECT_NE(recorder.encode(empty), 0);
-    EXPECT_EQ(recorder.encode(colourScene(PixelFormat::BGRA, 1, 1)), 0);
-    EXPECT_EQ(recorder.encode(restlessScene(64, 48, 1)), 0) << bitRate;
+    EXPECT_EQ(recorder.encode(colourScene(PixelFormat::BGRA, 1, 1)), 0) << bitRate;
     recorder.session->completeFrames();
-    EXPECT_EQ(recorder.references, (std::vector<std::uint64_t>{33, 132, 165})) << bitRate;
+    EXPECT_EQ(recorder.references, (std::vector<std::uint64_t>{33, 132})) << bitRate;
   }
 }
 

@@ -15,6 +15,16 @@ namespace zellive::test {
 using Bytes = std::vector<std::uint8_t>;
 inline Bytes bytesOf(const Data& data) { return {data.span().begin(), data.span().end()}; }
 
+/// The NAL units of a sample, each of which is led by its length.
+inline std::vector<std::span<const std::uint8_t>> nalUnits(std::span<const std::uint8_t> sample) {
+  std::vector<std::span<const std::uint8_t>> units;
+  while (sample.size() > 4) {
+    units.push_back(sample.subspan(4, static_cast<std::size_t>(sample[2] << 8 | sample[3])));
+    sample = sample.subspan(4 + units.back().size());
+  }
+  return units;
+}
+
 /// A still scene of smooth colours by the formulas of ITU-R BT.601: Y, Cb or Cr at a sample of a plane, or B, G, R, A.
 inline double sceneAt(PixelFormat format, int component, int column, int row, int width, int height) {
   const double step = component == 0 || format == PixelFormat::BGRA ? 1 : 2;
@@ -114,7 +124,6 @@ class Decoder {
                          avcodec_receive_frame(context_.get(), frame.get()) == 0;
     return decoded ? std::move(frame) : nullptr;
   }
-  [[nodiscard]] const AVCodecContext& context() const { return *context_; }
 
  private:
   ffmpeg::CodecContextPtr context_;
