@@ -146,7 +146,7 @@ TEST_F(ZelHardwareAudioEncoderTest, MayBeDestroyedByItsDelegate) {
   collector_->onFrame = [this] { encoder_.reset(); };
   encoder_->encodeAudioData(Bytes(20 * 2048), 1);
   EXPECT_GE(collector_->frames.size(), 17U);
-  EXPECT_EQ(log_.count(LogLevel::Information, "~ZelHardwareAudioEncoder <ZelHardwareAudioEncoder: 0x"), 1U);
+  EXPECT_EQ(log_.count(LogLevel::Information, "<ZelHardwareAudioEncoder: 0x"), 1U);
 }
 
 }  // namespace
