@@ -7,6 +7,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,6 +27,14 @@ struct WireMessage {
   std::uint32_t streamId = 0;
   std::uint32_t chunks = 0;
   std::vector<std::uint8_t> body;
+
+  bool operator==(const WireMessage&) const = default;
+  /// Its header.
+  friend std::ostream& operator<<(std::ostream& out, const WireMessage& m) {
+    return out << "chunk stream " << m.chunkStream << ", header type " << int{m.headerType} << ", field "
+               << m.timestampField << (m.extendedTimestamp ? " extended" : "") << ", time " << m.timestamp << ", type "
+               << int{m.type} << ", stream " << m.streamId << ", " << m.chunks << " chunks, " << m.body.size() << " B";
+  }
 };
 
 /// What the server does instead of serving, to find out how a client bears it.

@@ -59,15 +59,17 @@ inline std::shared_ptr<ZelLiveStreamInfo> streamAt(const std::string& url) {
   return info;
 }
 
-/// Writes down what a publisher tells: "status 2", "error 205", "url". Waiting for it needs no lock of the test's own;
-/// reading the lists does, unless all queues run on the test's thread.
-struct Reports : ZelStreamSocketDelegate {
+/// Writes down what a publisher tells ("status 2", "error 205", "url"), or a send buffer. Waiting for it needs no lock
+/// of the test's own; reading the lists does, unless all queues run on the test's thread.
+struct Reports : ZelStreamSocketDelegate, ZelStreamingBufferDelegate {
   void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { note("status " + std::to_string(status)); }
   void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { note("error " + std::to_string(code)); }
   void socketRequestNewUrl(ZelStreamRtmpSocket&) override { note("url"); }
   void socketDebugInfo(ZelStreamRtmpSocket&, const ZelLiveDebug& info) override { statistics.push_back(info); }
   void socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState state) override { trends.push_back(state); }
   void socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) override { counts.push_back(count); }
+  void streamingBufferState(ZelStreamingBuffer&, ZelStreamingBufferState state) override { trends.push_back(state); }
+  void streamingBufferCount(ZelStreamingBuffer&, std::uint64_t count) override { counts.push_back(count); }
 
   void note(const std::string& event) {
     const std::lock_guard lock(mutex);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <functional>
 #include <future>
@@ -31,24 +32,29 @@ Bytes patterned(std::size_t size) {
   return bytes;
 }
 
-/// Whether any message holds that text.
-bool received(const WireServer& server, const std::string& text) {
+/// Whether any message holds these bytes.
+bool received(const WireServer& server, const auto& part) {
   return std::ranges::any_of(server.messages(),
-                             [&](const auto& m) { return !std::ranges::search(m.body, text).empty(); });
+                             [&](const auto& m) { return !std::ranges::search(m.body, part).empty(); });
 }
 
-/// A user control message that asks for an answer, and the answer.
-Bytes ping(std::uint8_t stamp) { return {2, 0, 0, 0, 0, 0, 6, 4, 0, 0, 0, 0, 0, 6, 1, 2, 3, stamp}; }
-bool answered(const WireServer& server, std::uint8_t stamp) {
-  return std::ranges::any_of(server.messages(), [&](const auto& m) { return m.body == Bytes{0, 7, 1, 2, 3, stamp}; });
+// Text and properties in AMF0.
+Bytes text(std::string_view value) {
+  return join({{static_cast<std::uint8_t>(value.size() >> 8), static_cast<std::uint8_t>(value.size())},
+               {value.begin(), value.end()}});
 }
+Bytes property(std::string_view key, double number) {
+  const auto raw = std::bit_cast<std::array<std::uint8_t, 8>>(__builtin_bswap64(std::bit_cast<std::uint64_t>(number)));
+  return join({text(key), {0}, {raw.begin(), raw.end()}});
+}
+Bytes property(std::string_view key, std::string_view value) { return join({text(key), {2}, text(value)}); }
 
 /// One connection on a queue of its own; every call is made there.
 class Connection {
  public:
-  explicit Connection(const std::string& url, RtmpOptions options = {}) {
+  explicit Connection(const std::string& url) {
     onQueue([&] {
-      connection_ = makeLibrtmpConnection(options, defaultPlatform(), queue_);
+      connection_ = makeLibrtmpConnection({}, defaultPlatform(), queue_);
       connection_->setCallbacks(
           {[](const RTMPError& e, void* self) { static_cast<Connection*>(self)->note(e); },
            [](const RTMPConnectionTime&, void* self) { ++static_cast<Connection*>(self)->timesTold; }, this});
@@ -64,22 +70,26 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  std::int32_t send(std::uint8_t headerType, std::uint8_t type, std::uint32_t timestamp, const Bytes& payload) {
+  std::int32_t send(std::uint8_t headerType, std::uint8_t type, std::uint64_t timestamp, const Bytes& payload) {
     std::int32_t result = 0;
     onQueue([&] {
       RtmpMessage message;
       message.headerType = headerType;
       message.type = type;
       message.channel = 4;
-      message.timestamp = timestamp;
+      message.timestamp = static_cast<std::uint32_t>(timestamp);
       message.streamId = connection_->streamId();
-      std::copy(payload.begin(), payload.end(), body_.resize(payload.size()).begin());
-      message.body = body_.bytes();
+      message.body = body_.resize(payload.size());
+      std::ranges::copy(payload, message.body.begin());
       result = connection_->sendPacket(message, &error);
     });
     return result;
   }
-  std::future<RTMPError> broken() { return broken_.get_future(); }
+  /// Why it broke by itself; waits until it does.
+  RTMPError failure() {
+    auto broken = broken_.get_future();
+    return broken.wait_for(10s) == std::future_status::ready ? broken.get() : RTMPError();
+  }
 
   bool open = false;
   int timesTold = 0;
@@ -100,123 +110,71 @@ class Connection {
     }
   }
 
-  std::shared_ptr<Queue> queue_ = defaultPlatform()->queues->makeSerialQueue("test.connection");
+  const std::shared_ptr<Queue> queue_ = defaultPlatform()->queues->makeSerialQueue("test.connection");
   std::unique_ptr<RtmpConnection> connection_;
   RtmpBody body_;
   std::promise<RTMPError> broken_;
 };
 
-/// A stream of the given frames, published whole; the server's messages of audio, video and data.
-std::vector<WireMessage> publish(WireServer& server, const std::vector<std::shared_ptr<const ZelFrame>>& frames,
-                                 std::shared_ptr<ZelLiveStreamInfo> info = std::make_shared<ZelLiveStreamInfo>()) {
-  info->setUrl(server.url());
-  const auto socket = ZelStreamRtmpSocket::create(info);
-  for (const auto& frame : frames) {
-    socket->sendFrame(frame);
-  }
-  for (int i = 0; i < 5; ++i) {  // These stay in the sorting stage.
-    auto last = std::make_shared<ZelFrame>();
-    last->timestamp = ~std::uint64_t{0};
-    socket->sendFrame(last);
-  }
-  socket->start();
-  EXPECT_TRUE(server.waitForMedia(frames.size() + 1));
-  socket->stop();
-  EXPECT_TRUE(socket->waitUntilStopped(2s));
-  EXPECT_TRUE(server.waitUntil([&] { return server.closed() == server.connections(); }));
-  EXPECT_TRUE(server.wellFormed());
-  return server.media();
-}
-
 TEST(Wire, EveryMessageOfAStream) {
   WireServer server;
-  const Bytes picture = patterned(150000);
-  const auto media =
-      publish(server, {audio(10), video(20), audio(30, patterned(300)), video(40, {true, picture}),
-                       audio(50, patterned(300)), audio(50, patterned(300)), video(60, {false, {0x41, 0x9A}})});
-  struct Expected {
-    std::uint32_t chunkStream;
-    std::uint8_t headerType, type;
-    std::uint32_t field, timestamp, chunks;
-    Bytes body;
-  };
-  const Bytes sound = join({{0xAF, 0x01}, patterned(300)});
-  const std::vector<Expected> expected{
-      {4, 0, 8, 0, 0, 1, {0xAF, 0x00, 0x11, 0x88}},
-      {4, 0, 9, 0, 0, 1, {0x17, 0, 0,    0,    0, 1,    0x64, 0, 0x1F, 0xFF, 0xE1,
-                          0,    4, 0x67, 0x64, 0, 0x1F, 1,    0, 2,    0x68, 0xEE}},
-      {4, 1, 8, 30, 30, 1, sound},
-      {4, 0, 9, 40, 40, 3, join({{0x17, 1, 0, 0, 0, 0x00, 0x02, 0x49, 0xF0}, picture})},
-      {4, 1, 8, 10, 50, 1, sound},
-      {4, 1, 8, 0, 50, 1, sound},  // The same size, type and time as the one before: the header stays medium.
-      {4, 0, 9, 60, 60, 1, {0x27, 1, 0, 0, 0, 0, 0, 0, 2, 0x41, 0x9A}},
-  };
-  ASSERT_EQ(media.size(), expected.size() + 1);
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    SCOPED_TRACE(i);
-    const auto& got = media[i + 1];
-    EXPECT_EQ(got.chunkStream, expected[i].chunkStream);
-    EXPECT_EQ(got.headerType, expected[i].headerType);
-    EXPECT_EQ(got.type, expected[i].type);
-    EXPECT_EQ(got.timestampField, expected[i].field);
-    EXPECT_EQ(got.timestamp, expected[i].timestamp);
-    EXPECT_EQ(got.streamId, 1U);
-    EXPECT_EQ(got.chunks, expected[i].chunks);
-    EXPECT_TRUE(got.body == expected[i].body);
-  }
-  EXPECT_EQ(server.commands(), (std::vector<std::string>{"connect", "releaseStream", "FCPublish", "createStream",
-                                                         "publish", "FCUnpublish", "deleteStream"}));
-}
-
-TEST(Wire, TheStreamsDescription) {
-  const auto text = [](std::string_view value) {
-    Bytes bytes{static_cast<std::uint8_t>(value.size() >> 8), static_cast<std::uint8_t>(value.size())};
-    bytes.insert(bytes.end(), value.begin(), value.end());
-    return bytes;
-  };
-  const auto number = [&](std::string_view key, double value) {
-    Bytes bytes(9);  // A marker of 0 ahead.
-    for (std::size_t i = 0; i < 8; ++i) {
-      bytes[8 - i] = static_cast<std::uint8_t>(std::bit_cast<std::uint64_t>(value) >> (8 * i));
-    }
-    return join({text(key), bytes});
-  };
-  const auto string = [&](std::string_view key, std::string_view value) { return join({text(key), {2}, text(value)}); };
-  const Bytes expected = join({{2},
-                               text("@setDataFrame"),
-                               {2},
-                               text("onMetaData"),
-                               {3},
-                               number("duration", 0),
-                               number("filesize", 0),
-                               number("width", 1280),
-                               number("height", 720),
-                               string("videocodecid", "avc1"),
-                               number("videodatarate", static_cast<double>(1'234'567.0F / 1000.0F)),
-                               number("framerate", 24),
-                               string("audiocodecid", "mp4a"),
-                               number("audiodatarate", 96000),
-                               number("audiosamplerate", 44100),
-                               number("audiosamplesize", 16),
-                               text("stereo"),
-                               {1, 1},
-                               string("encoder", "ZelLive 1.0"),
-                               {0, 0, 9}});
-
-  auto info = std::make_shared<ZelLiveStreamInfo>();
+  const auto info = streamAt(server.url());
   info->audioConfiguration = ZelLiveAudioConfiguration::defaultConfigurationForQuality(1);
   info->videoConfiguration = std::make_shared<ZelLiveVideoConfiguration>(1, 2, 3);
   info->videoConfiguration->setVideoBitRate(1'234'567);
-  WireServer server;
-  const auto media = publish(server, {}, info);
-  ASSERT_EQ(media.size(), 1U);
-  EXPECT_EQ(media[0].chunkStream, 3U);
-  EXPECT_EQ(media[0].headerType, 0);
-  EXPECT_EQ(media[0].type, 18);
-  EXPECT_EQ(media[0].timestamp, 0U);
-  EXPECT_EQ(media[0].streamId, 1U);
-  EXPECT_EQ(media[0].chunks, 1U);
-  EXPECT_EQ(media[0].body, expected);
+  const Bytes description = join({{2},
+                                  text("@setDataFrame"),
+                                  {2},
+                                  text("onMetaData"),
+                                  {3},
+                                  property("duration", 0),
+                                  property("filesize", 0),
+                                  property("width", 1280),
+                                  property("height", 720),
+                                  property("videocodecid", "avc1"),
+                                  property("videodatarate", static_cast<double>(1'234'567.0F / 1000.0F)),
+                                  property("framerate", 24),
+                                  property("audiocodecid", "mp4a"),
+                                  property("audiodatarate", 96000),
+                                  property("audiosamplerate", 44100),
+                                  property("audiosamplesize", 16),
+                                  text("stereo"),
+                                  {1, 1},
+                                  property("encoder", "ZelLive 1.0"),
+                                  {0, 0, 9}});
+  const Bytes avcHeader{0x17, 0, 0, 0, 0, 1, 0x64, 0, 0x1F, 0xFF, 0xE1, 0, 4, 0x67, 0x64, 0, 0x1F, 1, 0, 2, 0x68, 0xEE};
+  const Bytes picture = patterned(150000);
+  const Bytes sound = join({{0xAF, 0x01}, patterned(300)});
+  const std::vector<WireMessage> expected{
+      {3, 0, 0, false, 0, 18, 1, 1, description},
+      {4, 0, 0, false, 0, 8, 1, 1, {0xAF, 0x00, 0x11, 0x88}},
+      {4, 0, 0, false, 0, 9, 1, 1, avcHeader},
+      {4, 1, 30, false, 30, 8, 1, 1, sound},
+      {4, 0, 40, false, 40, 9, 1, 3, join({{0x17, 1, 0, 0, 0, 0x00, 0x02, 0x49, 0xF0}, picture})},
+      {4, 1, 10, false, 50, 8, 1, 1, sound},
+      {4, 1, 0, false, 50, 8, 1, 1, sound},  // The same size, type and time as before: the header stays medium.
+      {4, 0, 60, false, 60, 9, 1, 1, {0x27, 1, 0, 0, 0, 0, 0, 0, 2, 0x41, 0x9A}},
+  };
+  const auto socket = ZelStreamRtmpSocket::create(info);
+  for (const auto& frame :
+       {audio(10), video(20), audio(30, patterned(300)), video(40, {true, picture}), audio(50, patterned(300)),
+        audio(50, patterned(300)), video(60, {false, {0x41, 0x9A}}), audio(99), audio(99), audio(99), audio(99),
+        audio(99)}) {  // The last five stay in the sorting stage.
+    socket->sendFrame(frame);
+  }
+  socket->start();
+  EXPECT_TRUE(server.waitForMedia(expected.size()));
+  socket->stop();
+  EXPECT_TRUE(socket->waitUntilStopped(2s));
+  EXPECT_TRUE(server.waitUntil([&] { return server.closed() == 1; }));
+  EXPECT_TRUE(server.wellFormed());
+  const auto media = server.media();
+  ASSERT_EQ(media.size(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_TRUE(media[i] == expected[i]) << "message " << i << ": " << media[i];
+  }
+  EXPECT_EQ(server.commands(), (std::vector<std::string>{"connect", "releaseStream", "FCPublish", "createStream",
+                                                         "publish", "FCUnpublish", "deleteStream"}));
 }
 
 TEST(Wire, TimestampsOfLongStreams) {
@@ -239,10 +197,10 @@ TEST(Wire, TimestampsOfLongStreams) {
   EXPECT_NE(connection.send(0, 9, 1, Bytes(0x1000000)), 1) << "more than RTMP can hold";
   const Bytes small = patterned(10);
   for (const auto& c : cases) {
-    ASSERT_EQ(connection.send(c.type == 8 ? 1 : 0, c.type, static_cast<std::uint32_t>(c.milliseconds), small), 1);
+    ASSERT_EQ(connection.send(c.type == 8 ? 1 : 0, c.type, c.milliseconds, small), 1);
   }
   const Bytes large = patterned(200000);  // Continued chunks repeat the extended timestamp.
-  ASSERT_EQ(connection.send(0, 9, static_cast<std::uint32_t>(k32 - 1), large), 1);
+  ASSERT_EQ(connection.send(0, 9, k32 - 1, large), 1);
   ASSERT_TRUE(server.waitForMedia(cases.size() + 1));
   EXPECT_TRUE(server.wellFormed());
   const auto media = server.media();
@@ -257,18 +215,25 @@ TEST(Wire, TimestampsOfLongStreams) {
   EXPECT_TRUE(media.back().body == large);
 }
 
-TEST(Wire, AnswersPingsWhileIdleAndWaitsForNoHalfMessage) {
+TEST(Wire, ServesTheServerWhileIdle) {
   WireServer server;
   Connection connection(server.url());
   ASSERT_TRUE(connection.open);
+  const auto ping = [](std::uint8_t stamp) { return Bytes{2, 0, 0, 0, 0, 0, 6, 4, 0, 0, 0, 0, 0, 6, 1, 2, 3, stamp}; };
+  const auto pong = [](std::uint8_t stamp) { return Bytes{0, 7, 1, 2, 3, stamp}; };
   server.inject(ping(4));
-  EXPECT_TRUE(server.waitUntil([&] { return answered(server, 4); }));
+  EXPECT_TRUE(server.waitUntil([&] { return received(server, pong(4)); }));
   for (const std::uint8_t byte : ping(9)) {
-    EXPECT_FALSE(answered(server, 9));
+    EXPECT_FALSE(received(server, pong(9)));
     server.inject({byte});
-    EXPECT_EQ(connection.send(0, 9, 1, {1}), 1);
+    EXPECT_EQ(connection.send(0, 9, 1, {1}), 1) << "half a message holds nothing up";
   }
-  EXPECT_TRUE(server.waitUntil([&] { return answered(server, 9); }));
+  EXPECT_TRUE(server.waitUntil([&] { return received(server, pong(9)); }));
+  server.cut();
+  const auto error = connection.failure();
+  EXPECT_EQ(error.code, RtmpFailureClosed);
+  EXPECT_EQ(error.message, "the server closed the connection");
+  EXPECT_EQ(connection.send(0, 9, 1, {1}), -1);
 }
 
 TEST(Wire, BreaksOffWhenTheServerSendsWhatIsNotRtmp) {
@@ -292,25 +257,9 @@ TEST(Wire, BreaksOffWhenTheServerSendsWhatIsNotRtmp) {
     WireServer server;
     Connection connection(server.url());
     ASSERT_TRUE(connection.open);
-    auto broken = connection.broken();
-    server.inject(ping(1));
     server.inject(bytes);
-    ASSERT_EQ(broken.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(broken.get().code, RtmpFailureProtocol);
+    EXPECT_EQ(connection.failure().code, RtmpFailureProtocol);
   }
-}
-
-TEST(Wire, NoticesACloseWhileIdle) {
-  WireServer server;
-  Connection connection(server.url());
-  ASSERT_TRUE(connection.open);
-  auto broken = connection.broken();
-  server.cut();
-  ASSERT_EQ(broken.wait_for(10s), std::future_status::ready);
-  const auto error = broken.get();
-  EXPECT_EQ(error.code, RtmpFailureClosed);
-  EXPECT_EQ(error.message, "the server closed the connection");
-  EXPECT_EQ(connection.send(0, 9, 1, {1}), -1);
 }
 
 TEST(Wire, SpeaksIPv6) {
@@ -326,7 +275,7 @@ TEST(Wire, SpeaksIPv6) {
       << "the server is told the address as it was given";
 }
 
-TEST(Wire, RefusesUrlsThatCannotWork) {
+TEST(Wire, TakesUrlsAsTheyStandAndRefusesThoseThatCannotWork) {
   const std::string host = "rtmp://127.0.0.1:9/";
   const std::vector<std::pair<std::string, const char*>> cases{
       {"", "empty"},
@@ -338,7 +287,6 @@ TEST(Wire, RefusesUrlsThatCannotWork) {
       {"rtmp://127.0.0.1:65536/live/key", "port"},
       {"rtmp://127.0.0.1:19x/live/key", "port"},
       {"rtmp://[::1]1935/live/key", "port"},
-      {host, "no application and stream"},
       {host + "live/", "no application and stream"},
       {host + "live/key timeout=1", "space"},
       {host + "live/k\xC3\xA9y", "not ASCII"},
@@ -356,30 +304,23 @@ TEST(Wire, RefusesUrlsThatCannotWork) {
   }
   const WireServer server;
   const std::string root = "rtmp://127.0.0.1:" + std::to_string(server.port()) + "/";
-  const std::string longest(960, 'k');
-  for (const auto& url : {root + "live/" + longest, root + std::string(1792 - root.size() - 4, 'a') + "/key"}) {
-    EXPECT_TRUE(Connection(url).open);
+  EXPECT_TRUE(Connection(root + std::string(1792 - root.size() - 4, 'a') + "/key").open);
+  for (const auto& name : {std::string(960, 'k'), std::string("name?sign=a/b%2Fc&d=e/")}) {
+    EXPECT_TRUE(Connection(root + "live/" + name).open);
+    EXPECT_TRUE(received(server, name));
   }
-  EXPECT_TRUE(received(server, longest));
-  const std::string query = "name?sign=a/b%2Fc&d=e/";
-  EXPECT_TRUE(Connection(root + "live/" + query).open);
-  EXPECT_TRUE(received(server, query)) << "as it stands";
 }
 
 TEST(Wire, KeepsTheStreamsKeyOutOfTheLog) {
-  const std::string key = "s3cr3t-k3y";
   const LogCapture log;
   ZelStreamRtmpSocket::setLogLevel(6);
   for (const auto fault : {WireFault::None, WireFault::RefusePublish, WireFault::CloseAfterConnect}) {
     const WireServer server(fault);
-    const Connection connection(server.url(key + "?token=t0k3n"));
-    EXPECT_EQ(connection.open, fault == WireFault::None);
+    EXPECT_EQ(Connection(server.url("s3cr3t-k3y?token=t0k3n")).open, fault == WireFault::None);
   }
   ZelStreamRtmpSocket::setLogLevel(1);
   EXPECT_GT(log.count("Live: librtmp: "), 10U);
-  for (const char* secret : {"s3cr3t", "t0k3n"}) {
-    EXPECT_EQ(log.count(secret), 0U);
-  }
+  EXPECT_EQ(log.count("s3cr3t") + log.count("t0k3n"), 0U);
 }
 
 }  // namespace
