@@ -48,6 +48,7 @@ class ManualTime : public QueueService, public MediaClock {
 class SettableDevice : public Device {
  public:
   [[nodiscard]] std::uint64_t physicalMemory() const override { return memory; }
+  [[nodiscard]] std::int64_t residentMemory() const override { return resident; }
   [[nodiscard]] Size screenBounds() const override { return screen; }
   void setScreenBounds(Size points) override { screen = points; }
   [[nodiscard]] std::int64_t deviceOrientation() const override { return orientation; }
@@ -55,6 +56,7 @@ class SettableDevice : public Device {
   [[nodiscard]] bool cameraSupportsPreset(std::string_view) const override { return cameraAccepts; }
 
   std::uint64_t memory = std::uint64_t{8} << 30;
+  std::int64_t resident = 1 << 20;
   Size screen{375, 812};
   std::int64_t orientation = 1;
   bool cameraAccepts = true;

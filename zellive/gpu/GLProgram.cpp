@@ -44,6 +44,10 @@ void readLog(GLuint name, GetParameter getParameter, GetLog getLog, std::string&
 }  // namespace
 
 GLProgram::GLProgram(const std::string& vertexShader, const std::string& fragmentShader) : program_(glCreateProgram()) {
+  // No context: whoever found none has said so.
+  if (program_ == 0) {
+    return;
+  }
   if (!compileShader(vertShader_, GL_VERTEX_SHADER, vertexShader)) {
     ZEL_LOG_ERROR("Failed to compile vertex shader");
   }

@@ -8,7 +8,7 @@
 namespace zellive {
 
 /// One vertex and one fragment shader, compiled and linked. Call everything, the constructor and destructor included,
-/// with the same context current; where none is, nothing compiles or links.
+/// with the same context current; where none is, nothing compiles or links, silently.
 class GLProgram {
  public:
   /// What attributeIndex answers for a name that was not added.

@@ -13,6 +13,8 @@ class Device {
   virtual ~Device() = default;
   /// Bytes.
   [[nodiscard]] virtual std::uint64_t physicalMemory() const = 0;
+  /// Bytes of this process in memory at present, or an error number of the system, negated.
+  [[nodiscard]] virtual std::int64_t residentMemory() const = 0;
   /// The main screen, in points.
   [[nodiscard]] virtual Size screenBounds() const = 0;
   virtual void setScreenBounds(Size points) = 0;

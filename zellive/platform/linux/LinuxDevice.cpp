@@ -2,12 +2,26 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <fstream>
+
 namespace zellive {
 
 std::uint64_t LinuxDevice::physicalMemory() const {
   const long pages = sysconf(_SC_PHYS_PAGES);
   const long pageSize = sysconf(_SC_PAGE_SIZE);
   return pages > 0 && pageSize > 0 ? static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize) : 0;
+}
+
+std::int64_t LinuxDevice::residentMemory() const {
+  // Sizes in pages: the whole, then what is in memory.
+  std::ifstream file("/proc/self/statm");
+  std::int64_t whole = 0;
+  std::int64_t resident = 0;
+  if (!(file >> whole >> resident)) {
+    return errno != 0 ? -errno : -EIO;
+  }
+  return resident * sysconf(_SC_PAGE_SIZE);
 }
 
 Size LinuxDevice::screenBounds() const {

@@ -12,6 +12,7 @@ namespace zellive {
 class LinuxDevice : public Device {
  public:
   [[nodiscard]] std::uint64_t physicalMemory() const override;
+  [[nodiscard]] std::int64_t residentMemory() const override;
   [[nodiscard]] Size screenBounds() const override;
   void setScreenBounds(Size points) override;
   [[nodiscard]] std::int64_t deviceOrientation() const override { return orientation_; }

@@ -1,0 +1,1 @@
+target_link_libraries(zellive_gpu_tests PRIVATE PkgConfig::TEST_GLES)
