@@ -21,6 +21,7 @@ struct ManualTime::State {
   std::map<Key, Work> work;
   const ManualQueue* current = nullptr;
   std::vector<std::weak_ptr<ManualQueue>> queues;
+  Task readable;
 };
 
 class ManualTime::ManualQueue : public Queue, public std::enable_shared_from_this<ManualQueue> {
@@ -34,7 +35,10 @@ class ManualTime::ManualQueue : public Queue, public std::enable_shared_from_thi
     const auto key = add(std::max(delay, std::chrono::nanoseconds(0)), {weak_from_this(), nullptr, std::move(task)});
     return std::make_shared<Handle>(state_, key);
   }
-  std::unique_ptr<ReadWatch> whenReadable(int, Task) override { return nullptr; }
+  std::unique_ptr<ReadWatch> whenReadable(int, Task handler) override {
+    state_->readable = std::move(handler);
+    return std::make_unique<ReadWatch>();
+  }
   [[nodiscard]] bool isCurrent() const override {
     const std::lock_guard lock(state_->mutex);
     return state_->current == this;
@@ -84,6 +88,8 @@ std::shared_ptr<Queue> ManualTime::makeSerialQueue(std::string label) {
   state_->queues.push_back(queue);
   return queue;
 }
+
+void ManualTime::tellReadable() { state_->readable(); }
 
 std::chrono::nanoseconds ManualTime::now() const {
   const std::lock_guard lock(state_->mutex);

@@ -27,6 +27,8 @@ class ManualTime : public QueueService, public MediaClock {
   void runPending() { advance({}); }
   /// Moves time on by `duration`, stopping at each piece of delayed work to run it at its own time.
   void advance(std::chrono::nanoseconds duration);
+  /// Calls the handler of the latest watch.
+  void tellReadable();
   /// Drops all work that has not run, and what dropping it posts.
   void dropWork();
   /// Delayed pieces of work that are neither run nor cancelled.
