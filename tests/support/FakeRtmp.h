@@ -22,6 +22,7 @@ class FakeRtmp {
   std::vector<Sent> sent;
   std::vector<std::string> urls;
   std::vector<RtmpOptions> options;
+  std::vector<std::string> hostAddresses;
   int closed = 0;
   int aborted = 0;
 
@@ -54,6 +55,7 @@ class FakeRtmp {
     void setCallbacks(const RtmpCallbacks& given) override { callbacks = given; }
     void enableWrite() override { write = true; }
     bool connect(RTMPError* error) override { return step("RTMP_Connect", error); }
+    std::vector<std::string> hostAddresses() const override { return script.hostAddresses; }
     bool connectStream(RTMPError* error) override { return connected = write && step("RTMP_ConnectStream", error); }
     [[nodiscard]] bool isConnected() const override { return connected; }
     [[nodiscard]] std::int32_t streamId() const override { return 7; }

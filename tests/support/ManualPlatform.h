@@ -69,7 +69,7 @@ class SettableReachability : public AFNetworkReachabilityManager {
   explicit SettableReachability(std::shared_ptr<NotificationCenter> notifications)
       : notifications_(std::move(notifications)) {}
   [[nodiscard]] ReachabilityStatus networkReachabilityStatus() const override { return status_; }
-  void setNetworkReachabilityStatus(ReachabilityStatus status) override;
+  void setNetworkReachabilityStatus(ReachabilityStatus status);
 
  private:
   std::shared_ptr<NotificationCenter> notifications_;

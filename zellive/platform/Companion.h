@@ -6,7 +6,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
+
+#include "zellive/platform/Reachability.h"
 
 namespace zellive {
 
@@ -57,6 +60,18 @@ class QMZSdwan {
   virtual ~QMZSdwan() = default;
   /// Never null.
   [[nodiscard]] virtual std::shared_ptr<QMZLoginManager> loginManager() const = 0;
+};
+
+/// The companion's word on the network, which is that of the service it is made for.
+class QMZNetworkState {
+ public:
+  /// `service` is not null.
+  explicit QMZNetworkState(std::shared_ptr<const AFNetworkReachabilityManager> service)
+      : service_(std::move(service)) {}
+  [[nodiscard]] bool isReachable() const { return service_->isReachable(); }
+
+ private:
+  std::shared_ptr<const AFNetworkReachabilityManager> service_;
 };
 
 class Queue;

@@ -120,7 +120,8 @@ bool LibrtmpConnection::fail(RTMPError* error, RtmpFailure code, const std::stri
 
 bool LibrtmpConnection::connect(RTMPError* error) {
   const LibrtmpScope scope(secrets_);
-  const DialResult dialled = dialTcp(platform_->names, url_.host, url_.port, options_, *switch_);
+  DialResult dialled = dialTcp(platform_->names, url_.host, url_.port, options_, *switch_);
+  hostAddresses_ = std::move(dialled.addresses);
   if (dialled.socket < 0) {
     return fail(error, static_cast<RtmpFailure>(dialled.error.code), dialled.error.message);
   }

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "zellive/transport/AbortSwitch.h"
 #include "zellive/transport/LibrtmpInbox.h"
@@ -29,6 +30,7 @@ class LibrtmpConnection : public RtmpConnection {
   void setCallbacks(const RtmpCallbacks& callbacks) override { callbacks_ = callbacks; }
   void enableWrite() override;
   bool connect(RTMPError* error) override;
+  [[nodiscard]] std::vector<std::string> hostAddresses() const override { return hostAddresses_; }
   bool connectStream(RTMPError* error) override;
   [[nodiscard]] bool isConnected() const override;
   [[nodiscard]] std::int32_t streamId() const override { return streamId_; }
@@ -64,6 +66,7 @@ class LibrtmpConnection : public RtmpConnection {
   RtmpUrl url_;
   std::string tcUrl_;
   std::string streamName_;
+  std::vector<std::string> hostAddresses_;
   Secrets secrets_;
   std::unique_ptr<RTMP, void (*)(RTMP*)> rtmp_;
   LibrtmpInbox inbox_;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "zellive/platform/Platform.h"
 
@@ -92,6 +93,8 @@ class RtmpConnection {
   virtual void enableWrite() = 0;
   /// Resolves, connects, shakes hands; tells the connection-time callback.
   virtual bool connect(RTMPError* error) = 0;
+  /// The host's addresses as connect() found them, in numbers, the one that answered first. Empty where not known.
+  [[nodiscard]] virtual std::vector<std::string> hostAddresses() const { return {}; }
   /// Opens the stream for publishing.
   virtual bool connectStream(RTMPError* error) = 0;
   [[nodiscard]] virtual bool isConnected() const = 0;

@@ -102,6 +102,11 @@ std::string parseRtmpUrl(const std::string& text, RtmpUrl& url) {
   return {};
 }
 
+std::string hostOf(const std::string& text) {
+  RtmpUrl url;
+  return parseRtmpUrl(text, url).empty() ? url.host : std::string();
+}
+
 std::vector<std::string> secretsOf(const std::string& text, const RtmpUrl& url) {
   std::vector<std::string> secrets;
   const std::size_t query = std::min(text.find('?', url.path), text.size());

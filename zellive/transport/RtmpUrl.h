@@ -21,6 +21,9 @@ struct RtmpUrl {
 /// Takes `text` apart; empty when that worked, otherwise what is wrong with it, in words that hold nothing of it.
 [[nodiscard]] std::string parseRtmpUrl(const std::string& text, RtmpUrl& url);
 
+/// The host of a push URL; empty where it cannot be taken apart.
+[[nodiscard]] std::string hostOf(const std::string& text);
+
 /// The pieces of `text`, taken apart before, that may hold its owner's key: the stream's name and the query. Where the
 /// query holds slashes, librtmp divides them otherwise than the owner does, so every reading is among them.
 [[nodiscard]] std::vector<std::string> secretsOf(const std::string& text, const RtmpUrl& url);

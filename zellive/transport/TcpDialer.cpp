@@ -1,6 +1,7 @@
 #include "zellive/transport/TcpDialer.h"
 
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -8,9 +9,13 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "zellive/transport/HostResolver.h"
 
@@ -49,6 +54,14 @@ void prepare(int socket, const RtmpOptions& options) {
   setSocketTimeout(socket, SO_SNDTIMEO, options.sendLimit);
 }
 
+std::string inNumbers(const HostAddress& address) {
+  std::array<char, NI_MAXHOST> text{};
+  return ::getnameinfo(reinterpret_cast<const sockaddr*>(&address.address), address.length, text.data(), text.size(),
+                       nullptr, 0, NI_NUMERICHOST) == 0
+             ? text.data()
+             : "";
+}
+
 RTMPError failure(int code, const std::string& host, std::uint16_t port) {
   if (code == ECANCELED) {
     return {RtmpFailureAborted, "the connection was given up"};
@@ -76,6 +89,7 @@ DialResult dialTcp(const std::shared_ptr<NameService>& names, const std::string&
                        : RTMPError{RtmpFailureResolve, "cannot find the host " + host + ": " + found.failure};
     return result;
   }
+  std::ranges::transform(found.addresses, std::back_inserter(result.addresses), &inNumbers);
   const auto start = Clock::now();
   int error = 0;
   for (std::size_t index = 0; index < found.addresses.size() && error != ECANCELED; ++index) {
@@ -92,6 +106,7 @@ DialResult dialTcp(const std::shared_ptr<NameService>& names, const std::string&
     if (error == 0) {
       ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) & ~O_NONBLOCK);
       result.socket = socket;
+      std::swap(result.addresses.front(), result.addresses[index]);
       result.took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
       return result;
     }

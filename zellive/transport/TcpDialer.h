@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "zellive/platform/NameService.h"
 #include "zellive/transport/AbortSwitch.h"
@@ -12,9 +13,10 @@
 namespace zellive {
 
 struct DialResult {
-  int socket = -1;                    ///< Blocking, the caller's to close; -1 after a failure.
-  std::chrono::milliseconds took{0};  ///< For the socket, the name's resolution not counted.
-  RTMPError error;                    ///< Of a failure.
+  int socket = -1;                     ///< Blocking, the caller's to close; -1 after a failure.
+  std::chrono::milliseconds took{0};   ///< For the socket, the name's resolution not counted.
+  RTMPError error;                     ///< Of a failure.
+  std::vector<std::string> addresses;  ///< Of the host, in numbers; the one that answered first.
 };
 
 /// Connects to a host by any of its addresses, tried one after the other, within the options' limits. The socket has

@@ -8,6 +8,7 @@
 #include "zellive/session/ZelLiveStreamInfo.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 #include "zellive/transport/LibrtmpScope.h"
+#include "zellive/transport/RtmpUrl.h"
 
 namespace zellive {
 namespace {
@@ -43,7 +44,7 @@ std::shared_ptr<ZelStreamRtmpSocket> ZelStreamRtmpSocket::create(std::shared_ptr
   socket->reachabilityObservation_ = socket->platform_->notifications->addObserver(
       notification::ReachabilityDidChange, [weak = std::weak_ptr(socket)](const UserInfo&) {
         if (const auto self = weak.lock()) {
-          self->reachabilityChange();
+          self->networkChanged();
         }
       });
   // The owner's pointer is apart from those that running tasks hold, so that its end can cut a blocked task short.
@@ -62,6 +63,9 @@ ZelStreamRtmpSocket::ZelStreamRtmpSocket(std::shared_ptr<ZelLiveStreamInfo> stre
       reconnectCount_(reconnectCount > 0 ? reconnectCount : kDefaultReconnectCount),
       platform_(std::move(platform)),
       makeConnection_(std::move(makeConnection)),
+      hostReachability_(platform_->reachability->forHost(hostOf(stream_->url()))),
+      reachability_(hostReachability_ ? hostReachability_ : platform_->reachability),
+      networkState_(reachability_),
       rtmpSendQueue_(platform_->queues->makeSerialQueue("com.morrowfen.rtmpSendQueue")),
       buffer_(ZelStreamingBuffer::create(stream_->audioConfiguration, stream_->videoConfiguration, platform_)) {}
 
@@ -143,6 +147,9 @@ void ZelStreamRtmpSocket::_start() {
 }
 
 int ZelStreamRtmpSocket::RTMP264_Connect(const std::string& url) {
+  if (hostReachability_) {
+    hostReachability_->setHost(hostOf(url));
+  }
   installConnection();
   error_ = {};
   if (const char* failed = connectSteps(*rtmp_->connection, url); failed != nullptr) {
@@ -186,7 +193,11 @@ const char* ZelStreamRtmpSocket::connectSteps(RtmpConnection& connection, const 
     return "RTMP_SetupURL";
   }
   connection.enableWrite();
-  if (!connection.connect(&error_)) {
+  const bool connected = connection.connect(&error_);
+  if (hostReachability_) {
+    hostReachability_->setAddresses(connection.hostAddresses(), connected);
+  }
+  if (!connected) {
     return "RTMP_Connect";
   }
   return connection.connectStream(&error_) ? nullptr : "RTMP_ConnectStream";

@@ -131,6 +131,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   void reconnect();
   void scheduleReconnect();
   void _reconnect();
+  void networkChanged();
   void reachabilityChange();
 
   // Sending, on the send queue.
@@ -153,6 +154,9 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   const std::int64_t reconnectCount_;
   const std::shared_ptr<const Platform> platform_;
   const RtmpConnectionFactory makeConnection_;
+  const std::shared_ptr<HostReachability> hostReachability_;  // Null: the platform's answer holds for every host.
+  const std::shared_ptr<AFNetworkReachabilityManager> reachability_;
+  const QMZNetworkState networkState_;
   const std::shared_ptr<Queue> rtmpSendQueue_;
   std::shared_ptr<ZelStreamingBuffer> buffer_;
   NotificationCenter::Observation reachabilityObservation_;
@@ -161,6 +165,7 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   std::atomic<bool> isStoped_ = false;
   std::atomic<bool> started_ = false;
   std::atomic<bool> stopRequested_ = false;
+  std::atomic<std::uint64_t> networkChanges_ = 0;
 
   // Of the send queue alone.
   bool isConnected_ = false;

@@ -13,7 +13,7 @@ constexpr std::int64_t kAttemptsPerUrl = 100;
 
 /// Asks for another attempt, on any thread. While the network is out the request is dropped: its return asks anew.
 void ZelStreamRtmpSocket::reconnect() {
-  if (!platform_->reachability->isReachable() || isStoped_ || !started_) {
+  if (!reachability_->isReachable() || isStoped_ || !started_) {
     return;
   }
   rtmpSendQueue_->async([weak = weak_from_this()] {
@@ -64,10 +64,17 @@ void ZelStreamRtmpSocket::_reconnect() {
   RTMP264_Connect(stream_->url());
 }
 
+/// The notification may be about another publisher's host.
+void ZelStreamRtmpSocket::networkChanged() {
+  const std::uint64_t changes = hostReachability_ ? hostReachability_->changes() : 0;
+  if (!hostReachability_ || networkChanges_.exchange(changes) != changes) {
+    reachabilityChange();
+  }
+}
+
 void ZelStreamRtmpSocket::reachabilityChange() {
-  ZEL_LOG_INFO("Live: net reachabilityChange %ld",
-               static_cast<long>(platform_->reachability->networkReachabilityStatus()));
-  if (platform_->reachability->isReachable()) {
+  ZEL_LOG_INFO("Live: net reachabilityChange %ld", static_cast<long>(reachability_->networkReachabilityStatus()));
+  if (reachability_->isReachable()) {
     reconnect();
   } else {
     reportError(ZelStreamSocketErrorNetworkUnreachable);

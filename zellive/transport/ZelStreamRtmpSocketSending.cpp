@@ -28,7 +28,7 @@ void ZelStreamRtmpSocket::sendFrame(std::shared_ptr<const ZelFrame> frame) {
     return;
   }
   buffer_->appendObject(std::move(frame));
-  if (!platform_->reachability->isReachable()) {
+  if (!networkState_.isReachable()) {
     if (sampled(kUnreachableLogRate)) {
       ZEL_LOG_INFO("Live: net is not reach, wait reconnect");
     }

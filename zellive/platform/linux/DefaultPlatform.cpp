@@ -5,7 +5,7 @@
 #include "zellive/platform/linux/FfmpegVideoCompression.h"
 #include "zellive/platform/linux/LinuxDevice.h"
 #include "zellive/platform/linux/MemoryMonitor.h"
-#include "zellive/platform/linux/ReachabilityStandIn.h"
+#include "zellive/platform/linux/NetlinkReachability.h"
 #include "zellive/platform/linux/SystemClock.h"
 #include "zellive/platform/linux/SystemNameService.h"
 
@@ -18,7 +18,7 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->clock = std::make_shared<SystemClock>();
   set->notifications = std::make_shared<NotificationCenter>();
   set->device = std::make_shared<LinuxDevice>();
-  set->reachability = std::make_shared<ReachabilityStandIn>(set->notifications);
+  set->reachability = makeNetworkReachability(*set->queues, set->notifications);
   set->names = makeSystemNameService();
   set->videoCompression = makeFfmpegVideoCompression();
   set->audioConversion = makeFfmpegAudioConversion();

@@ -1,0 +1,191 @@
+#include "zellive/platform/linux/NetlinkReachability.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "tests/support/ManualPlatform.h"
+#include "tests/support/NetworkNamespace.h"
+#include "tests/support/NetworkText.h"
+
+namespace zellive::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kWired = "link 2; own 2 192.0.2.5; route 192.0.2.0/24 dev 2; route 0.0.0.0/0 via 192.0.2.1 dev 2;";
+const std::string kPulled = "link 2 still;" + kWired.substr(7);
+const std::string kMobile = "link 3 wwan; own 3 10.0.0.5; route 0.0.0.0/0 via 10.0.0.1 dev 3";
+
+class Watched : public ::testing::Test {
+ protected:
+  Watched() { now.now = network(kWired); }
+  void make() {
+    service = NetlinkReachability::create(std::make_unique<FakeNetworkSource>(now),
+                                          manual.time->makeSerialQueue("network"), manual.notifications);
+  }
+  /// The network becomes this; its change comes as three pieces of news.
+  void change(const std::string& text) {
+    now.now = network(text);
+    for (int i = 0; i < 3; ++i) {
+      service->takeNews();
+      manual.advance(50ms);
+    }
+    manual.advance(850ms);
+  }
+  int status() const { return static_cast<int>(service->networkReachabilityStatus()); }
+
+  LogCapture log;
+  FakeNetwork now;
+  ManualPlatform manual;
+  std::shared_ptr<NetlinkReachability> service;
+  int posts = 0;
+  NotificationCenter::Observation observation =
+      manual.notifications->addObserver(notification::ReachabilityDidChange, [this](const UserInfo&) { ++posts; });
+};
+
+TEST_F(Watched, TellsEachChangeOnceWithinASecond) {
+  make();
+  manual.advance(10s);
+  EXPECT_EQ(std::pair(status(), posts), std::pair(2, 0)) << "the first answer is no change";
+  const std::tuple<const char*, std::string, int, int> steps[] = {
+      {"nothing of note", kWired + "link 9", 2, 0},
+      {"the cable is pulled", kPulled, 0, 1},
+      {"somebody tidies up behind it", "link 2 still", 0, 0},
+      {"it is plugged in again", kWired, 2, 1},
+      {"the gateway is another", kWired + "route 0.0.0.0/0 via 192.0.2.9 dev 2 metric 0", 2, 0},
+      {"over to the mobile link", kPulled + kMobile, 1, 1},
+      {"with the same status through another link", "link 4;own 4 192.0.2.6;route 0.0.0.0/0 dev 4", 2, 1},
+  };
+  for (const auto& [what, text, expected, told] : steps) {
+    change(text);
+    EXPECT_EQ(std::pair(status(), std::exchange(posts, 0)), std::pair(expected, told)) << what;
+  }
+  now.readable = false;
+  change(kPulled);
+  EXPECT_EQ(std::pair(status(), posts), std::pair(2, 0)) << "as long as nothing can be read";
+  now.readable = true;
+  manual.advance(1s);
+  EXPECT_EQ(std::pair(status(), posts), std::pair(0, 1));
+  service->takeNews();
+  service.reset();
+  const int reads = now.reads;
+  manual.advance(1s);
+  EXPECT_EQ(now.reads, reads) << "it is gone";
+  now.readable = false;
+  make();
+  EXPECT_EQ(service, nullptr);
+}
+
+TEST_F(Watched, AnswersForEachHost) {
+  make();
+  const auto here = service->forHost("localhost");
+  const auto neighbour = service->forHost("192.0.2.77");
+  const auto named = service->forHost("live.example.net");
+  const auto found = service->forHost("studio.example.net");
+  found->setAddresses({"no address", "192.0.2.78"}, false);
+  const auto answers = [&] {
+    std::string text;
+    for (const auto& host : {here, neighbour, named, found}) {
+      text += std::to_string(static_cast<int>(host->networkReachabilityStatus())) + "/" +
+              std::to_string(host->changes()) + " ";
+    }
+    return text + std::to_string(posts);
+  };
+  EXPECT_EQ(answers(), "2/0 2/0 2/0 2/0 0");
+  change(kWired.substr(0, kWired.rfind("route")));
+  EXPECT_EQ(answers(), "2/0 2/0 2/1 2/0 1") << "neighbours need no default route";
+  change(kPulled);
+  EXPECT_EQ(answers(), "2/0 0/1 0/2 0/1 2");
+  change("link 3 wwan; own 3 10.0.0.5; route 10.0.0.0/8 dev 3");
+  EXPECT_EQ(answers(), "2/0 0/1 1/3 0/1 3");
+  named->setAddresses({"198.51.100.7"}, false);
+  EXPECT_EQ(answers(), "2/0 0/1 1/3 0/1 3") << "an address without a route tells nothing about other ones";
+  neighbour->setAddresses({"192.0.2.77"}, true);
+  found->setHost("10.0.0.9");
+  EXPECT_EQ(answers(), "2/0 1/1 1/3 1/1 3") << "a connection proves that there is a way; and nothing is posted";
+  change(kWired);
+  change(kPulled);
+  EXPECT_EQ(answers(), "2/0 0/3 0/5 0/3 5") << "from then on, routes are believed again";
+}
+
+/// Against the kernel, in a network namespace of the test's own.
+class KernelNetwork : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    try {
+      inside = std::make_unique<NetworkNamespace>();
+    } catch (const std::runtime_error& reason) {
+      GTEST_SKIP() << reason.what();
+    }
+    inside->run(
+        "ip link add wired0 type veth peer name other0; ip link add wwan0 type veth peer name other1;"
+        "for link in wired0 wwan0 other0 other1; do ip link set $link up; done;"
+        "ip addr add 192.0.2.5/24 dev wired0; ip addr add 10.0.0.5/8 dev wwan0;"
+        "ip route add default via 192.0.2.1 metric 5; ip -6 addr add 2001:db8::5/64 dev wired0 nodad");
+    const NetworkNamespace::Stay stay(*inside);
+    std::string failure;
+    source = RouteNetlink::open(failure);
+    ASSERT_NE(source, nullptr) << failure;
+  }
+  /// The status for a host after some commands.
+  int after(const std::string& commands, const char* host) {
+    inside->run(commands);
+    EXPECT_TRUE(source->takeNews()) << commands;
+    const auto read = source->read();
+    return read ? static_cast<int>(wayToHost(*read, {ip(host)}).status) : -2;
+  }
+  std::unique_ptr<NetworkNamespace> inside;
+  std::unique_ptr<RouteNetlink> source;
+};
+
+TEST_F(KernelNetwork, IsReadAsItIs) {
+  EXPECT_EQ(after("ip addr add 192.0.2.6/24 dev wired0", "198.51.100.7"), 2);
+  EXPECT_EQ(after("ip link set other0 down", "198.51.100.7"), 0) << "the peer is down";
+  EXPECT_EQ(after("ip link set other0 up", "198.51.100.7"), 2);
+  EXPECT_EQ(after("ip link set wired0 down", "192.0.2.77"), 0) << "whose routes go without a word";
+  EXPECT_EQ(after("ip link set wired0 up", "198.51.100.7"), 0) << "nor does the default route come back by itself";
+  EXPECT_EQ(after("ip -4 route add default via inet6 fe80::1 dev wwan0", "198.51.100.7"), 1);
+  EXPECT_EQ(after("ip route add blackhole 198.51.100.0/24", "198.51.100.7"), 0);
+  EXPECT_EQ(after("ip -6 addr add 2001:db8:5::5/64 dev wwan0", "2001:db8:5::7"), 0) << "still under test";
+  EXPECT_EQ(after("ip -6 addr add 2001:db8:6::5/64 dev wwan0 nodad", "2001:db8:6::7"), 1);
+  EXPECT_EQ(after("ip route add 203.0.113.0/24 nexthop via 192.0.2.1 nexthop via 10.0.0.1; ip link set other0 down",
+                  "203.0.113.7"),
+            1)
+      << "the other hop";
+  // More than the kernel keeps for a reader who is late.
+  EXPECT_EQ(after("for i in $(seq 100); do for j in $(seq 200); do echo addr add 10.1.$i.$j/32 dev wwan0;"
+                  "echo addr del 10.1.$i.$j/32 dev wwan0; done; done | ip -batch -; ip link set wwan0 down",
+                  "10.0.0.9"),
+            0);
+}
+
+TEST(NetlinkReachabilityTest, WatchesThisMachine) {
+  const auto platform = defaultPlatform();
+  const auto notifications = std::make_shared<NotificationCenter>();
+  auto service = makeNetworkReachability(*platform->queues, notifications);
+  const auto here = service->forHost("127.0.0.1");
+  ASSERT_NE(here, nullptr) << "the kernel does not tell about the network";
+  EXPECT_EQ(here->networkReachabilityStatus(), ReachabilityStatus::ReachableViaWiFi);
+  EXPECT_TRUE(QMZNetworkState(here).isReachable());
+}
+
+TEST_F(KernelNetwork, ACarrierThatGoesIsTold) {
+  const auto platform = defaultPlatform();
+  const auto notifications = std::make_shared<NotificationCenter>();
+  std::promise<void> told;
+  std::shared_ptr<AFNetworkReachabilityManager> service;
+  {
+    const NetworkNamespace::Stay stay(*inside);
+    service = makeNetworkReachability(*platform->queues, notifications);
+  }
+  ASSERT_TRUE(service->isReachable());
+  const auto observation =
+      notifications->addObserver(notification::ReachabilityDidChange, [&](const UserInfo&) { told.set_value(); });
+  inside->run("ip link set other0 down; ip link set other1 down");
+  EXPECT_EQ(told.get_future().wait_for(1s), std::future_status::ready);
+  EXPECT_FALSE(service->isReachable());
+}
+
+}  // namespace
+}  // namespace zellive::test

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/Process.h"
+
+namespace zellive::test {
+
+/// A network of its own. It has no name, and is gone when this object and every program in it are, however they end.
+class NetworkNamespace {
+ public:
+  /// The calling thread, and what it starts, is inside while this lives.
+  class Stay {
+   public:
+    explicit Stay(const NetworkNamespace& inside) { setns(inside.descriptor_, CLONE_NEWNET); }
+    ~Stay() {
+      setns(home_, CLONE_NEWNET);
+      close(home_);
+    }
+    Stay(const Stay&) = delete;
+    Stay& operator=(const Stay&) = delete;
+
+   private:
+    const int home_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  };
+
+  /// Throws std::runtime_error with what is missing where this process may not make one.
+  NetworkNamespace() {
+    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int error = unshare(CLONE_NEWNET) == 0 ? 0 : errno;
+    descriptor_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    setns(home, CLONE_NEWNET);
+    close(home);
+    if (error != 0) {
+      close(descriptor_);
+      throw std::runtime_error(std::string("a network namespace cannot be made (it takes root, or CAP_SYS_ADMIN): ") +
+                               std::strerror(error));
+    }
+    run("ip link set lo up");
+  }
+  ~NetworkNamespace() { close(descriptor_); }
+  NetworkNamespace(const NetworkNamespace&) = delete;
+  NetworkNamespace& operator=(const NetworkNamespace&) = delete;
+
+  /// Runs shell commands inside. Throws std::runtime_error when one fails.
+  void run(const std::string& commands) const {
+    const Stay stay(*this);
+    if (const auto run = runProgram({"sh", "-ec", commands}); run.status != 0) {
+      throw std::runtime_error(commands + ": " + run.errors);
+    }
+  }
+  /// For commands outside that put a link in here: `ip link set NAME netns PATH`.
+  [[nodiscard]] std::string path() const {
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor_);
+  }
+
+ private:
+  int descriptor_ = -1;
+};
+
+}  // namespace zellive::test
