@@ -9,6 +9,11 @@ bool isDetail(std::string_view message) {
          message.starts_with("Live: refresh push request error");
 }
 
+/// "Live: RTMP connect 1 , handshake 2": there is a connection. What fails later is news, even when it fails at once.
+bool tellsOfConnection(std::string_view message) {
+  return message.starts_with("Live: RTMP connect ") && message.find(" , handshake ") != std::string_view::npos;
+}
+
 /// The words of "Live: RTMP connect error -3 message cannot connect"; empty for any other message.
 std::string_view connectErrorWords(std::string_view message) {
   constexpr std::string_view words = " message ";
@@ -27,7 +32,11 @@ void LibraryLog::install() {
 void LibraryLog::receive(LogLevel level, std::string_view message) {
   {
     const std::lock_guard lock(mutex_);
-    if (const auto words = connectErrorWords(message); !words.empty()) {
+    if (tellsOfConnection(message)) {
+      lastConnectError_.clear();
+      lastError_.clear();
+      shown_.clear();
+    } else if (const auto words = connectErrorWords(message); !words.empty()) {
       lastConnectError_ = words;
       message = words;
     } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_)) {
@@ -63,13 +72,6 @@ std::string LibraryLog::lastConnectError() const {
 std::string LibraryLog::lastError() const {
   const std::lock_guard lock(mutex_);
   return lastError_;
-}
-
-void LibraryLog::forgetErrors() {
-  const std::lock_guard lock(mutex_);
-  lastConnectError_.clear();
-  lastError_.clear();
-  shown_.clear();
 }
 
 }  // namespace zellive::tool

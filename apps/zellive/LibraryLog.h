@@ -22,10 +22,9 @@ class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
 
   /// Warnings are shown from now on: while a stream begins, the library warns of what is only late.
   void showWarnings();
-  /// Why the last attempt to connect failed; empty when none did.
+  /// Why the last connection failed or could not be made; empty when there is one.
   [[nodiscard]] std::string lastConnectError() const;
   [[nodiscard]] std::string lastError() const;
-  void forgetErrors();
   void receive(LogLevel level, std::string_view message);
 
  private:

@@ -120,7 +120,6 @@ void Publisher::handleState(std::uint64_t state) {
   state_ = state;
   output_->stateChanged(state, status(now));
   if (state == ZelStreamSocketStatusConnected) {
-    log_->forgetErrors();
     wasConnected_ = true;
     if (phase_ == Phase::Waiting) {
       phase_ = Phase::Streaming;

@@ -15,9 +15,7 @@ struct RecordingSink : MediaSink {
   void pushAudio(std::span<const std::uint8_t> pcm) override { samples += static_cast<std::int64_t>(pcm.size() / 2); }
   void pushVideo(std::shared_ptr<PixelBuffer> picture) override {
     stamps.push_back(samples);
-    if (keep) {
-      kept.push_back(std::move(picture));
-    }
+    kept.push_back(keep ? std::move(picture) : nullptr);
   }
   std::int64_t samples = 0;
   std::vector<std::int64_t> stamps;
@@ -49,15 +47,16 @@ TEST(MediaFeedTest, LeavesPicturesOutWhileTheEncoderHoldsTooMany) {
   RecordingSink sink;
   sink.keep = true;
   MediaFeed feed(*source, sink, 30);
-  while (sink.samples < 2 * sampleRate) {
-    ASSERT_TRUE(feed.step());
-  }
+  const auto feedUntil = [&](std::int64_t second) {
+    while (sink.samples < second * sampleRate) {
+      ASSERT_TRUE(feed.step());
+    }
+  };
+  feedUntil(2);
   EXPECT_EQ(sink.kept.size(), 5U);
   EXPECT_GT(feed.skipped(), 40);
   sink.kept.clear();
-  while (sink.samples < 3 * sampleRate) {
-    ASSERT_TRUE(feed.step());
-  }
+  feedUntil(3);
   EXPECT_FALSE(sink.kept.empty()) << "pictures do not go on when the encoder has caught up";
 }
 

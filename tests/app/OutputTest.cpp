@@ -52,6 +52,8 @@ TEST(LibraryLogTest, TellsWhyAConnectionFailedAndHoldsBackWhatIsNoNews) {
   log->receive(LogLevel::Error, "Live: RTMP_Connect() failed");
   log->receive(LogLevel::Error, "Live: RTMP connect error -3 message host refused the connection");
   EXPECT_EQ(log->lastConnectError(), "host refused the connection");
+  log->receive(LogLevel::Information, "Live: RTMP connect 1 , handshake 2");
+  EXPECT_EQ(log->lastConnectError(), "");
   log->showWarnings();
   log->receive(LogLevel::Warning, "Live: late warning");
   EXPECT_EQ(contents(err), "zellive: error: host refused the connection\nzellive: warning: late warning\n");

@@ -1,5 +1,4 @@
-#include <signal.h>
-
+#include <csignal>
 #include <cstdio>
 
 #include "tests/e2e/Tool.h"
@@ -8,22 +7,23 @@
 namespace zellive::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 /// Waits until the tool tells of an encoder rate within these bounds, later than `after`; the stream's time then, or −1
 /// when `limit` comes first.
 double waitForRate(Process& tool, double after, double least, double most, std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < end && !tool.waitFor(200ms)) {
-    const auto output = tool.output();
-    for (const auto& line : jsonLines(output.substr(0, output.rfind('\n') + 1))) {
-      if (line.at("type") == "status" && line.at("elapsed") > after && line.at("encoder_bit_rate") >= least &&
-          line.at("encoder_bit_rate") <= most) {
-        return line.at("elapsed");
-      }
-    }
-  }
-  return -1;
+  double found = -1;
+  waitUntil(
+      [&] {
+        const auto output = tool.output();
+        for (const auto& line : jsonLines(output.substr(0, output.rfind('\n') + 1))) {
+          if (found < 0 && line.at("type") == "status" && line.at("elapsed") > after &&
+              line.at("encoder_bit_rate") >= least && line.at("encoder_bit_rate") <= most) {
+            found = line.at("elapsed");
+          }
+        }
+        return found >= 0 || tool.waitFor(200ms);
+      },
+      limit);
+  return found;
 }
 
 /// Video bits per second of the recording between two times of the stream, in seconds.

@@ -1,13 +1,10 @@
-#include <signal.h>
-
 #include <algorithm>
+#include <csignal>
 
 #include "tests/e2e/Tool.h"
 
 namespace zellive::test {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr const char* key = "very-secret-key";
 
@@ -15,14 +12,10 @@ void expectNoKey(const std::string& text) { EXPECT_EQ(text.find(key), std::strin
 
 std::string local(std::uint16_t port) { return "rtmp://127.0.0.1:" + std::to_string(port) + "/live/" + key; }
 
-/// Gives up at the first failure.
-std::vector<std::string> impatient(const std::string& url, std::vector<std::string> more = {}) {
-  more.insert(more.end(), {"--test-card", "--size", "160x90", "--reconnect-interval", "1", "--reconnect-count", "1"});
-  return toolCommand(url, std::move(more));
-}
-
-/// A reason is one line, and names what a person can look into.
-void expectReason(const Outcome& run, const std::string& told) {
+/// Gives up at the first failure, for a reason that is one line and names what a person can look into.
+void expectReason(const std::string& url, const std::string& told, const std::string& option) {
+  const auto run = runProgram(toolCommand(
+      url, {"--test-card", "--size", "160x90", "--reconnect-interval", "1", "--reconnect-count", "1", option}));
   EXPECT_EQ(run.status, 1) << run.output << run.errors;
   const auto at = run.errors.find("zellive: cannot publish to rtmp://");
   ASSERT_NE(at, std::string::npos) << run.errors;
@@ -31,19 +24,12 @@ void expectReason(const Outcome& run, const std::string& told) {
   expectNoKey(run.output + run.errors);
 }
 
-TEST(EndingsTest, AServerThatCannotBeReachedIsToldApart) {
-  expectReason(runProgram(impatient("rtmp://no-such-host.invalid/live/" + std::string(key), {"--verbose"})),
-               "cannot find the host no-such-host.invalid");
-  expectReason(runProgram(impatient(local(freePort()), {"--verbose"})), "Connection refused");
-  const LoopbackListener silent;
-  expectReason(runProgram(impatient(local(silent.port()), {"--json"})), "said nothing");
-}
-
-TEST_F(ServerTest, AServerThatRefusesToPublishTellsWhy) {
-  expectReason(runProgram(impatient(server->url(key, "closed"), {"--verbose"})), "the server closed the connection");
+TEST_F(ServerTest, AStreamThatNobodyTakesEndsWithAReason) {
+  expectReason(local(freePort()), "Connection refused", "--verbose");
+  expectReason(server->url(key, "closed"), "the server closed the connection", "--verbose");
   Process first(toolCommand(server->url(key), {"--test-card", "--size", "160x90", "--json"}));
   ASSERT_TRUE(first.waitForText("\"type\":\"status\"", 10s));
-  expectReason(runProgram(impatient(server->url(key))), "Already publishing");
+  expectReason(server->url(key), "Already publishing", "--json");
   first.signal(SIGINT);
   expectEnd(first, 0, 5s);
 }
@@ -57,20 +43,13 @@ TEST_F(ServerTest, InterruptEndsTheStreamCleanly) {
     expectEnd(tool, 0, 5s);
     expectNoKey(tool.output() + tool.errors());
 
-    const auto lines = jsonLines(tool.output());
-    ASSERT_GE(lines.size(), 5U);
+    auto lines = jsonLines(tool.output());
     std::vector<std::string> states;
-    std::size_t reports = 0;
     for (const auto& line : lines) {
-      if (line.at("type") == "state") {
-        states.push_back(line.at("state"));
-      } else {
-        EXPECT_EQ(line.at("type"), "status") << line;
-        ++reports;
-      }
+      states.push_back(line.at("type") == "state" ? line.at("state") : line.at("type"));
     }
+    EXPECT_GE(std::erase(states, "status"), 3U);
     EXPECT_EQ(states, (std::vector<std::string>{"connecting", "connected", "stopped"}));
-    EXPECT_GE(reports, 3U);
     EXPECT_GT(lines[lines.size() - 2].at("bit_rate"), 0);
     EXPECT_NEAR(lines[lines.size() - 2].at("frame_rate").get<double>(), 24, 3);
 
@@ -78,14 +57,6 @@ TEST_F(ServerTest, InterruptEndsTheStreamCleanly) {
     EXPECT_FALSE(file.mediaTags(FlvTag::Video).empty());
     EXPECT_FALSE(file.mediaTags(FlvTag::Audio).empty());
   }
-}
-
-TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
-  const LoopbackListener silent;
-  Process tool(toolCommand(local(silent.port()), {"--test-card"}));
-  ASSERT_TRUE(tool.waitForText("connecting", 10s)) << tool.errors();
-  tool.signal(SIGINT);
-  expectEnd(tool, 0, 4s);
 }
 
 TEST_F(ServerTest, AServerThatGoesAwayForGoodEndsTheStreamWithAReason) {
@@ -101,6 +72,14 @@ TEST_F(ServerTest, AServerThatGoesAwayForGoodEndsTheStreamWithAReason) {
   expectNoKey(tool.output() + tool.errors());
 }
 
+TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
+  const LoopbackListener silent;
+  Process tool(toolCommand(local(silent.port()), {"--test-card"}));
+  ASSERT_TRUE(tool.waitForText("connecting", 10s)) << tool.errors();
+  tool.signal(SIGINT);
+  expectEnd(tool, 0, 4s);
+}
+
 TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
   struct Case {
     std::vector<std::string> arguments;
@@ -110,7 +89,6 @@ TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
   const Case cases[] = {
       {{"--input", "/nonexistent/clip.mp4"}, 1, "No such file"},
       {{"--input", clip, "--size", "640x480"}, 2, "would fit"},
-      {{"--input", clip, "--test-card"}, 2, "--test-card"},
       {{}, 2, "--input"},
   };
   for (const auto& [arguments, status, told] : cases) {

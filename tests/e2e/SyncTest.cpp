@@ -1,8 +1,7 @@
 #include <algorithm>
+#include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 #include <thread>
 
 #include "apps/zellive/MediaFeed.h"
@@ -10,57 +9,40 @@
 #include "apps/zellive/StreamSettings.h"
 #include "apps/zellive/TestCardSource.h"
 #include "tests/e2e/Tool.h"
+#include "tests/support/Event.h"
 #include "zellive/session/ZelLiveSession.h"
 
 namespace zellive::test {
 namespace {
 
-using namespace std::chrono_literals;
 using namespace tool;
 
 /// Hands media to a session no faster than its encoder takes it, so that ten minutes pass as quickly as they can
 /// without a picture being lost.
-class EagerSink : public MediaSink, public ZelLiveSessionDelegate {
- public:
-  explicit EagerSink(std::shared_ptr<ZelLiveSession> session) : session_(std::move(session)) {}
-
-  void pushAudio(std::span<const std::uint8_t> pcm) override { session_->pushAudio(pcm); }
-
+struct EagerSink : MediaSink, ZelLiveSessionDelegate {
+  explicit EagerSink(std::shared_ptr<ZelLiveSession> target) : session(std::move(target)) {}
+  void pushAudio(std::span<const std::uint8_t> pcm) override { session->pushAudio(pcm); }
   void pushVideo(std::shared_ptr<PixelBuffer> picture) override {
-    {
-      std::unique_lock lock(gate_->mutex);
-      ASSERT_TRUE(gate_->changed.wait_for(lock, 30s, [this] { return gate_->waiting < 2; })) << "the encoder is stuck";
-      ++gate_->waiting;
+    for (int count = 0; (count = *waiting) >= 2;) {
+      waiting->wait(count);
     }
+    ++*waiting;
     const auto width = picture->width();
     const auto height = picture->height();
-    session_->pushVideo(PixelBuffer::crop(std::move(picture), width, height, [gate = gate_] {
-      const std::lock_guard lock(gate->mutex);
-      --gate->waiting;
-      gate->changed.notify_all();
+    session->pushVideo(PixelBuffer::crop(std::move(picture), width, height, [count = waiting] {
+      --*count;
+      count->notify_all();
     }));
   }
-
   void liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) override {
-    const std::lock_guard lock(gate_->mutex);
-    gate_->connected = gate_->connected || state == ZelStreamSocketStatusConnected;
-    gate_->changed.notify_all();
+    if (state == ZelStreamSocketStatusConnected) {
+      connected.set();
+    }
   }
 
-  bool waitUntilConnected() {
-    std::unique_lock lock(gate_->mutex);
-    return gate_->changed.wait_for(lock, 10s, [this] { return gate_->connected; });
-  }
-
- private:
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int waiting = 0;
-    bool connected = false;
-  };
-  const std::shared_ptr<ZelLiveSession> session_;
-  const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
+  const std::shared_ptr<ZelLiveSession> session;
+  const std::shared_ptr<std::atomic<int>> waiting = std::make_shared<std::atomic<int>>(0);
+  Event connected;
 };
 
 /// The numbers that follow each `mark`.
@@ -85,9 +67,8 @@ std::vector<double> offsets(const std::string& path) {
   }
   std::vector<double> differences;
   for (const double flash : flashes) {
-    const auto beep = std::min_element(beeps.begin(), beeps.end(), [&](double one, double other) {
-      return std::abs(one - flash) < std::abs(other - flash);
-    });
+    const auto nearer = [&](double one, double other) { return std::abs(one - flash) < std::abs(other - flash); };
+    const auto beep = std::ranges::min_element(beeps, nearer);
     if (beep != beeps.end() && std::abs(*beep - flash) < 0.5) {
       differences.push_back(flash - *beep);
     }
@@ -101,23 +82,22 @@ TEST_F(ServerTest, SoundAndPictureStayTogetherForTenMinutes) {
   PublishOptions options;
   options.bitRate = 200'000;
   std::string error;
-  const auto video = makeVideoConfiguration(options, size, 0, error);
-  ASSERT_TRUE(video) << error;
-  const auto audio = ZelLiveAudioConfiguration::defaultConfiguration();
-  const auto session = ZelLiveSession::create(audio, video, captureType);
-  const auto sink = std::make_shared<EagerSink>(session);
-  session->setDelegate(sink);
-  session->setInputVideoFrameRate(video->videoFrameRate());
-  session->setVideoEncoderOptions({"libx264", "ultrafast"});
   const auto info = std::make_shared<ZelLiveStreamInfo>();
   info->setUrl(server->url("sync"));
-  info->audioConfiguration = audio;
-  info->videoConfiguration = video;
+  info->audioConfiguration = ZelLiveAudioConfiguration::defaultConfiguration();
+  info->videoConfiguration = makeVideoConfiguration(options, size, 0, error);
+  ASSERT_TRUE(info->videoConfiguration) << error;
+  const auto rate = info->videoConfiguration->videoFrameRate();
+  const auto session = ZelLiveSession::create(info->audioConfiguration, info->videoConfiguration, captureType);
+  const auto sink = std::make_shared<EagerSink>(session);
+  session->setDelegate(sink);
+  session->setInputVideoFrameRate(rate);
+  session->setVideoEncoderOptions({"libx264", "ultrafast"});
   session->startLive(info);
-  ASSERT_TRUE(sink->waitUntilConnected());
+  ASSERT_TRUE(sink->connected.wait());
 
   const auto source = TestCardSource::create(size);
-  MediaFeed feed(*source, *sink, video->videoFrameRate());
+  MediaFeed feed(*source, *sink, rate);
   while (feed.position() < length) {
     ASSERT_TRUE(feed.step());
   }
@@ -137,8 +117,8 @@ TEST_F(ServerTest, SoundAndPictureStayTogetherForTenMinutes) {
   for (std::size_t i = 0; i < measured.size(); ++i) {
     ASSERT_LE(std::abs(measured[i]), 0.040) << "flash " << i;
   }
-  const auto [least, most] = std::minmax_element(measured.begin(), measured.end());
-  std::printf("picture later than sound by %.1f to %.1f ms in %zu flashes\n", *least * 1000, *most * 1000,
+  const auto [least, most] = std::ranges::minmax(measured);
+  std::printf("picture later than sound by %.1f to %.1f ms in %zu flashes\n", least * 1000, most * 1000,
               measured.size());
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -13,6 +14,8 @@
 #include "tests/support/Sockets.h"
 
 namespace zellive::test {
+
+using namespace std::chrono_literals;
 
 /// 1280 × 720, 30 fps, 8.3 s, with 48 kHz speech.
 inline constexpr const char* clip = "/usr/share/forensics-samples/original-files/movie2/movie-hello.mp4";
