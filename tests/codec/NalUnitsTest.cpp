@@ -109,7 +109,7 @@ TEST(SampleAssembler, KeepsSlicesAndParameterSetsOfAnAnnexBStream) {
   EXPECT_EQ(bytesOf(first.data), withLength(kIdr));
   EXPECT_EQ(bytesOf(first.sps), kSps);
   EXPECT_EQ(bytesOf(first.pps), kPps);
-  const VideoSample second = assembler.assemble(*packetOf(concat({kCode3, kSlice})), true);
+  const VideoSample second = assembler.assemble(*packetOf(concat({kCode4, kSps, kCode3, kSlice})), true);
   EXPECT_FALSE(second.sync);
   EXPECT_EQ(bytesOf(second.data), withLength(kSlice));
   EXPECT_EQ(second.sps.bytes(), first.sps.bytes()) << "an unchanged parameter set is shared";

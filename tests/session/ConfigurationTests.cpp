@@ -32,16 +32,7 @@ Asc ascOf(std::size_t rateIndex, std::size_t channels) {
   return {static_cast<std::uint8_t>(bits >> 8), static_cast<std::uint8_t>(bits)};
 }
 
-TEST(AudioConfiguration, PresetsAndWhatRateAndChannelsComeTo) {
-  const std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t> presets[] = {
-      {0, 16000, 64000, 2},  {1, 44100, 96000, 2},  {2, 44100, 128000, 2},
-      {3, 48000, 128000, 2}, {4, 48000, 128000, 1}, {99, 48000, 128000, 1}};
-  for (const auto& [quality, rate, bitRate, channels] : presets) {
-    const auto audio = Audio::defaultConfigurationForQuality(quality);
-    EXPECT_EQ(std::tuple(quality, audio->audioSampleRate(), audio->audioBitRate(), audio->numberOfChannels()),
-              std::tuple(quality, rate, bitRate, channels));
-    EXPECT_EQ(audio->bufferLength(), 2048 * channels) << quality;
-  }
+TEST(AudioConfiguration, AscFollowsRateAndChannels) {
   Audio audio;
   const auto asc = [&](std::uint64_t rate, std::uint64_t channels) {
     audio.setAudioSampleRate(rate);
@@ -49,9 +40,8 @@ TEST(AudioConfiguration, PresetsAndWhatRateAndChannelsComeTo) {
     return audio.asc();
   };
   std::size_t index = 0;
-  for (const std::uint64_t rate :
-       {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350}) {
-    EXPECT_EQ(asc(rate, 1), ascOf(index++, 1)) << rate;
+  for (const int rate : {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350}) {
+    EXPECT_EQ(asc(static_cast<std::uint64_t>(rate), 1), ascOf(index++, 1)) << rate;
   }
   EXPECT_EQ(asc(44099, 15), ascOf(15, 15));
   EXPECT_EQ(asc(48000, 16), ascOf(3, 0));
@@ -72,25 +62,16 @@ TEST(AudioConfiguration, ArchiveTextAndCopy) {
   EXPECT_EQ(afterAddress(text), "> numberOfChannels:2 audioSampleRate:16000 audioBitRate:64000 audioHeader:\x14\x10");
 }
 
-TEST(VideoConfiguration, PresetsThatNoCameraChanges) {
+TEST(VideoConfiguration, NoCameraChangesAPreset) {
   const auto device = std::make_shared<test::SettableDevice>();
   device->cameraAccepts = false;
-  using Row = std::tuple<Size, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::string>;
-  const std::pair<std::uint64_t, Row> cases[] = {
-      {0, {{480, 640}, 24, 921600, 1024000, 819200, 0, "AVCaptureSessionPreset640x480"}},
-      {1, {{720, 1280}, 24, 1536000, 1740800, 1228800, 1, "AVCaptureSessionPreset1280x720"}},
-      {2, {{1080, 1920}, 30, 3072000, 3276800, 2560000, 2, "AVCaptureSessionPreset1920x1080"}},
-      {3, {{1440, 2560}, 30, 3584000, 3788800, 3072000, 3, "AVCaptureSessionPreset1920x1080"}},
-      {4, {{2160, 3840}, 30, 6144000, 6348800, 5632000, 4, "AVCaptureSessionPreset3840x2160"}},
-      {7, {{720, 1280}, 24, 1536000, 1740800, 1228800, 1, "AVCaptureSessionPreset1280x720"}}};
-  for (const auto& [quality, row] : cases) {
+  const char* presets[] = {"640x480", "1280x720", "1920x1080", "1920x1080", "3840x2160", "1280x720"};
+  for (std::uint64_t quality = 0; quality < std::size(presets); ++quality) {
     Video video(quality, ZelLiveCaptureVideo, 1, device);
-    EXPECT_EQ(Row(video.videoSize(), video.videoFrameRate(), video.videoBitRate(), video.videoMaxBitRate(),
-                  video.videoMinBitRate(), video.sessionPreset(), video.avSessionPreset()),
-              row)
-        << quality;
-    EXPECT_EQ(video.videoMaxKeyFrameInterval(), video.videoFrameRate() * 2) << quality;
+    EXPECT_EQ(video.avSessionPreset(), std::string("AVCaptureSessionPreset") + presets[quality]);
     EXPECT_EQ(video.captureOutVideoSize(), video.videoSize()) << quality;
+    EXPECT_EQ(video.videoMaxKeyFrameInterval(), video.videoFrameRate() * 2) << quality;
+    EXPECT_TRUE(video.videoMinBitRate() < video.videoBitRate() && video.videoBitRate() < video.videoMaxBitRate());
     video.setSessionPreset(~0ULL);
     EXPECT_EQ(video.avSessionPreset(), "AVCaptureSessionPreset1280x720");
   }
@@ -212,8 +193,6 @@ TEST(LiveDebug, Description) {
   EXPECT_EQ(debug.description(), counts + "liveTime:0.000000");
   debug.stopDate = Date(1h + 12s + 345678us);
   EXPECT_EQ(debug.description(), counts + "liveTime:12.345678");
-  debug.dataFlow = 1e306;
-  EXPECT_GT(debug.description().size(), 300U);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Calls into the session from inside the application's own callbacks, and while one of these takes its time.
+// Calls into the session while something that it has called takes its time.
 #include <thread>
 
 #include "tests/session/SessionFixture.h"
@@ -7,37 +7,7 @@
 namespace zellive::test {
 namespace {
 
-TEST_F(SessionTest, ALogHandlerMayUseTheSessionThatItHearsOf) {
-  std::string heard;
-  setLogHandler([&, inside = false](LogLevel, std::string_view, int, std::string_view message) mutable {
-    heard.append(message).append("\n");
-    if (session && !std::exchange(inside, true)) {
-      (void)session->streamInfo();
-      (void)session->denoiseLevel();
-      session->setDelegate(delegate);
-      session->pushVideo(PixelBuffer::create(PixelFormat::Planar, 72, 128));
-      if (message.find("Live: Stop Live") != std::string::npos) {
-        session->stopLive();
-        session->suspendLive();
-      }
-      inside = false;
-    }
-  });
-  connect(kPushed);
-  align();
-  session->startLive(info);
-  session->pushVideo(PixelBuffer::create(PixelFormat::Planar, 128, 72));
-  session->stopLive();
-  EXPECT_EQ(room->stops.size(), 1U);
-  session->startLive(info);
-  setLogHandler({});
-  for (const char* message :
-       {"createCompressionSession", "started already", "do not have the shape", "Stop Live", "has ended"}) {
-    EXPECT_NE(heard.find(message), std::string::npos) << message;
-  }
-}
-
-/// Real queues under instant encoders, and a callback that takes until the test lets it go.
+/// Real queues, and a callback that takes until the test lets it go.
 class BusySessionTest : public SessionTest {
  protected:
   struct Slow {

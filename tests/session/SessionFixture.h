@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -156,7 +157,15 @@ class SessionTest : public ::testing::Test {
     return std::exchange(delegate->heard, {});
   }
 
+  std::shared_ptr<ObservedSession> session;
   ManualPlatform manual;
+  /// In the middle of each message the application asks the session something, which it may.
+  LogCapture log{[this, thread = std::this_thread::get_id()] {
+    if (session && thread == std::this_thread::get_id()) {
+      (void)session->streamInfo();
+      (void)session->denoiseLevel();
+    }
+  }};
   std::shared_ptr<FakeCompression> encoder = std::make_shared<FakeCompression>();
   std::shared_ptr<ScriptedRoom> room = std::make_shared<ScriptedRoom>();
   std::shared_ptr<ZelLiveAudioConfiguration> audio = ZelLiveAudioConfiguration::defaultConfiguration();
@@ -171,7 +180,6 @@ class SessionTest : public ::testing::Test {
   const std::shared_ptr<ZelStreamRtmpSocket> publisher =
       ZelStreamRtmpSocket::create(info, 0, 0, ManualPlatform().platform());
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(manual.time->mainQueue());
-  std::shared_ptr<ObservedSession> session;
 };
 
 }  // namespace zellive::test

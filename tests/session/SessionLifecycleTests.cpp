@@ -31,7 +31,6 @@ TEST_F(SessionTest, RefusesATypeWhoseConfigurationIsMissing) {
 }
 
 TEST_F(SessionTest, RunsFromTheStartOverAReconnectionToTheEnd) {
-  LogCapture log;
   make(kPushed);
   session->setDelegate(delegate);
   info->roomId = "room";
@@ -134,7 +133,6 @@ TEST_F(SessionTest, AdaptiveBitRateClimbsGentlyAndFallsTwiceAsSteeply) {
 
 TEST_F(SessionTest, AStoppedSessionIsSpent) {
   for (const bool suspend : {false, true}) {
-    LogCapture log;
     info->roomId = "room";
     connect(kPushed);
     align();

@@ -100,7 +100,6 @@ TEST_F(SessionTest, PushedPicturesAreThinnedByTheWholeRatio) {
 }
 
 TEST_F(SessionTest, PicturesThatCannotBeTakenAreRefused) {
-  LogCapture log;
   connect(kPushed);
   std::array<std::uint8_t, 64 * 64 * 4> memory{};
   const auto pushForeign = [&](PixelFormat format, std::size_t width, std::size_t height) {
@@ -128,7 +127,6 @@ TEST_F(SessionTest, AMissingSourceIsToldWhileTheOtherRuns) {
 }
 
 TEST_F(SessionTest, AScreenBroadcastWithoutAudioEndsAfter300Frames) {
-  LogCapture log;
   connect(ZelLiveReplayAudio | ZelLiveReplayVideo);
   const auto broadcast = [&](int pictures) {
     for (; pictures > 0; --pictures) {
@@ -167,7 +165,6 @@ TEST_F(SessionTest, BroadcastErrorsBecomeStates) {
 TEST_F(SessionTest, SilenceTakesTheRhythmOfTheLastPush) {
   // Blocks of 100 ms, or the 21 ms of the beginning where no whole sample came, and so many units of the first one.
   for (const auto& [length, units] : {std::pair{9600, 5}, {1, 0}}) {
-    LogCapture log;
     connect(ZelLiveInputAudio);
     session->pushAudio(std::vector<std::uint8_t>(static_cast<std::size_t>(length)));
     (void)take();
@@ -186,9 +183,9 @@ TEST_F(SessionTest, SilenceTakesTheRhythmOfTheLastPush) {
     session->turnOffAudio(false);
     manual.advance(1s);
     EXPECT_EQ(take(), "") << length;
-    EXPECT_EQ(log.count("Live: start turn off audio: "), 3U);
-    EXPECT_EQ(log.count("Live: end turn off audio: "), 3U);
   }
+  EXPECT_EQ(log.count("Live: start turn off audio: "), 6U);
+  EXPECT_EQ(log.count("Live: end turn off audio: "), 6U);
 }
 
 TEST_F(SessionTest, SilenceKeepsTheWorldsPaceHoweverLateAndLongEachRunIs) {
@@ -254,15 +251,17 @@ TEST_F(SessionTest, APictureFillerIsTheLastKeyFrameAtTheClockOfTheMoment) {
 }
 
 TEST_F(SessionTest, InTheBackgroundTheLastKeyFrameKeepsTheStreamAlive) {
-  LogCapture log;
-  connect(kPushed);
-  pushAudio(2);
+  make(kPushed);
+  session->startLive(info);
+  report(ZelStreamSocketStatusConnected);
   manual.notifications->post(notification::DidEnterBackground);
+  pushAudio(2);
   pushPicture(3);
-  EXPECT_EQ(encoder->trace, "") << "not even the first picture is encoded";
+  EXPECT_EQ(encoder->trace, "") << "nothing is encoded, not even by an encoder that is made just now";
   manual.notifications->post(notification::WillEnterForeground);
   pushPicture(2);
   EXPECT_EQ(take(), "K42 p42 ");
+  manual.notifications->post(notification::DidEnterBackground);
   manual.notifications->post(notification::DidEnterBackground);
   manual.advance(2500ms);
   pushPicture(5);
@@ -272,25 +271,22 @@ TEST_F(SessionTest, InTheBackgroundTheLastKeyFrameKeepsTheStreamAlive) {
   manual.notifications->post(notification::WillEnterForeground);
   manual.notifications->post(notification::WillResignActive);
   manual.notifications->post(notification::DidBecomeActive);
-  EXPECT_EQ(log.count(LogLevel::Information, "Live: fill videoFrame 3 in backgroud."), 1U);
-  for (const auto& [text, times] : {std::pair{"Live: enter backgroud", 2U},
-                                    {"Live: enter foregroud", 2U},
-                                    {"Live: resign active", 1U},
-                                    {"Live: become active", 1U}}) {
-    EXPECT_EQ(log.count(text), times) << text;
+  for (const char* message : {"Live: enter backgroud", "Live: fill videoFrame 3 in backgroud.", "Live: enter foregroud",
+                              "Live: resign active", "Live: become active"}) {
+    EXPECT_GE(log.count(LogLevel::Information, message), 1U) << message;
   }
   manual.advance(3s);
   pushPicture();
   EXPECT_EQ(take(), "K64 ");
-  // Off in the background and after it: one filler a second, whatever its reason.
+  // Off, in the background too and after it: one filler a second, whatever its reason.
   session->turnOffVideo(true);
   manual.advance(100ms);
-  manual.notifications->post(notification::DidEnterBackground);
-  manual.advance(1s);
-  manual.notifications->post(notification::WillEnterForeground);
-  (void)take();
-  manual.advance(3s);
-  EXPECT_NEAR(static_cast<double>(take('K')), 3.5, 0.5);
+  for (const char* change : {notification::DidEnterBackground, notification::WillEnterForeground}) {
+    (void)take();
+    manual.notifications->post(change);
+    manual.advance(2500ms);
+    EXPECT_EQ(take(), "K64 K64 K64 ");
+  }
 }
 
 }  // namespace

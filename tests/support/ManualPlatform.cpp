@@ -161,10 +161,13 @@ struct LogCapture::Shared {
   std::vector<std::pair<LogLevel, std::string>> messages;
 };
 
-LogCapture::LogCapture() : shared_(std::make_shared<Shared>()) {
-  setLogHandler([shared = shared_](LogLevel level, std::string_view, int, std::string_view message) {
-    const std::lock_guard lock(shared->mutex);
-    shared->messages.emplace_back(level, message);
+LogCapture::LogCapture(std::function<void()> during) : shared_(std::make_shared<Shared>()) {
+  setLogHandler([shared = shared_, during](LogLevel level, std::string_view, int, std::string_view message) {
+    {
+      const std::lock_guard lock(shared->mutex);
+      shared->messages.emplace_back(level, message);
+    }
+    during();
   });
 }
 

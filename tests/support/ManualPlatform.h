@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -102,7 +103,8 @@ struct ManualPlatform {
 /// Takes the library's messages over while it exists. One at a time.
 class LogCapture {
  public:
-  LogCapture();
+  /// `during` is called in the middle of each message.
+  explicit LogCapture(std::function<void()> during = [] {});
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
