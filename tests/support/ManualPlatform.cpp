@@ -144,7 +144,7 @@ std::vector<std::string> ManualTime::liveQueues() const {
 }
 
 void SettableReachability::setNetworkReachabilityStatus(ReachabilityStatus status) {
-  if (std::exchange(status_, status) != status) {
+  if (status_.exchange(status) != status) {
     notifications_->post(notification::ReachabilityDidChange);
   }
 }

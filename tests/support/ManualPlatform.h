@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -74,7 +75,7 @@ class SettableReachability : public AFNetworkReachabilityManager {
 
  private:
   std::shared_ptr<NotificationCenter> notifications_;
-  ReachabilityStatus status_ = ReachabilityStatus::ReachableViaWiFi;
+  std::atomic<ReachabilityStatus> status_ = ReachabilityStatus::ReachableViaWiFi;
 };
 
 /// A whole platform on manual time, with the machine's graphics. Encoders are null until a test puts its own in.

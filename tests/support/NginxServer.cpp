@@ -40,12 +40,12 @@ rtmp {
 
 bool NginxServer::available() { return access(module, R_OK) == 0 && access(program, X_OK) == 0; }
 
-NginxServer::NginxServer() {
+NginxServer::NginxServer(const std::string& address) {
   const std::string& directory = directory_.path();
   std::ofstream(directory + "/nginx.conf")
       << "load_module " << module << ";\n"
       << (geteuid() == 0 ? "user root;" : "")  // Ordinary users cannot change theirs.
-      << configuration << "record_path " << directory << ";\n}\nlisten 127.0.0.1:" << rtmpPort_ << ";\n}\n}\n";
+      << configuration << "record_path " << directory << ";\n}\nlisten " << address << ":" << rtmpPort_ << ";\n}\n}\n";
   start();
 }
 
@@ -58,7 +58,7 @@ void NginxServer::start() {
     return descriptor >= 0 && close(descriptor) == 0;
   };
   if (!waitUntil([&] { return process_->waitFor(0ms) || answers(); }, 10s) || process_->waitFor(0ms)) {
-    throw std::runtime_error("nginx does not answer: " + process_->errors() + contentsOf(directory + "/error.log"));
+    throw std::runtime_error("nginx does not answer: " + process_->errors() + log());
   }
 }
 
@@ -78,8 +78,7 @@ std::string NginxServer::recording(const std::string& stream) const {
 std::string NginxServer::finishedRecording(const std::string& stream) const {
   const auto path = recording(stream);
   if (!waitUntil([&] { return std::filesystem::exists(path) && !hasOpen(path); }, 20s)) {
-    throw std::runtime_error("no finished recording of " + stream + ": " +
-                             contentsOf(directory_.path() + "/error.log"));
+    throw std::runtime_error("no finished recording of " + stream + ": " + log());
   }
   return path;
 }

@@ -14,7 +14,7 @@ namespace zellive::test {
 class NginxServer {
  public:
   /// Starts it and waits until it answers. Throws std::runtime_error when it does not.
-  NginxServer();
+  explicit NginxServer(const std::string& address = "127.0.0.1");
   /// Whether nginx and its module are installed.
   [[nodiscard]] static bool available();
 
@@ -25,6 +25,9 @@ class NginxServer {
   /// The same, once nginx has closed the file: the publisher is gone for the server as well. Throws
   /// std::runtime_error with nginx's log when that does not come about.
   [[nodiscard]] std::string finishedRecording(const std::string& stream) const;
+
+  /// What it has logged.
+  [[nodiscard]] std::string log() const { return contentsOf(directory_.path() + "/error.log"); }
 
   /// Ends it at once, as a crash would.
   void kill();

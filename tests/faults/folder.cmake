@@ -1,0 +1,7 @@
+if(NOT TARGET zellive_tool_parts)
+  message(FATAL_ERROR "The tests of faults need ZELLIVE_BUILD_TOOL")
+endif()
+find_package(nlohmann_json REQUIRED)
+target_compile_definitions(zellive_faults_tests PRIVATE ZELLIVE_PROGRAM="$<TARGET_FILE:zellive_tool>")
+target_link_libraries(zellive_faults_tests PRIVATE nlohmann_json::nlohmann_json)
+add_dependencies(zellive_faults_tests zellive_tool)
