@@ -61,8 +61,8 @@ void GPUImageFilter::initWithShaders(const std::string& vertexShader, const std:
     if (!filterProgram_->initialized()) {
       initializeAttributes();
       if (!filterProgram_->link()) {
-        // Without a context there is nothing that could be linked, which has been said.
-        if (context.context()) {
+        // Without a context nothing can be linked, which has been said.
+        if (const auto current = context.context(); current && current->isCurrent()) {
           ZEL_LOG_ERROR("Program link log: %s", filterProgram_->programLog().c_str());
           ZEL_LOG_ERROR("Fragment shader compile log: %s", filterProgram_->fragmentShaderLog().c_str());
           ZEL_LOG_ERROR("Vertex shader compile log: %s", filterProgram_->vertexShaderLog().c_str());

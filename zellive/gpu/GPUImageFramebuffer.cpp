@@ -56,14 +56,17 @@ void GPUImageFramebuffer::generateFramebuffer() {
   }
   glGenFramebuffers(1, &framebuffer_);
   glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_);
-  renderTarget_ = cache
-                      ->makeRenderTarget({textureOptions_.internalFormat, wholePixels(size_.width),
-                                          wholePixels(size_.height), textureOptions_.format, textureOptions_.type})
-                      .texture;
-  if (!renderTarget_) {
-    ZEL_LOG_ERROR("FBO size: %f, %f", size_.width, size_.height);
+  const auto result =
+      cache->makeRenderTarget({textureOptions_.internalFormat, wholePixels(size_.width), wholePixels(size_.height),
+                               textureOptions_.format, textureOptions_.type});
+  if (!result.texture) {
+    // A lost context has been told of.
+    if (result.status != TextureStatus::NoContext) {
+      ZEL_LOG_ERROR("FBO size: %f, %f", size_.width, size_.height);
+    }
     return;
   }
+  renderTarget_ = result.texture;
   const auto& made = renderTarget_->texture();
   texture_ = made.name;
   glBindTexture(made.target, texture_);

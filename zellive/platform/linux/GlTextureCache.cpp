@@ -58,12 +58,12 @@ class GlTextureCache : public TextureCache {
   }
 
   TextureResult<RenderTarget> makeRenderTarget(const TextureShape& shape) override {
+    if (const auto status = check(shape); status != TextureStatus::Made) {
+      return {nullptr, status};
+    }
     auto pool = poolFor(shape.width, shape.height);
     if (!pool) {
       return {nullptr, TextureStatus::BadPicture};
-    }
-    if (const auto status = check(shape); status != TextureStatus::Made) {
-      return {nullptr, status};
     }
     const auto name = generate(shape);
     if (name == 0) {

@@ -1,0 +1,128 @@
+#include <GLES2/gl2.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/gpu/GpuTest.h"
+#include "tests/support/Event.h"
+#include "tests/support/ManualPlatform.h"
+#include "zellive/gpu/ShaderSources.h"
+
+namespace zellive::test {
+namespace {
+
+TEST(Context, NestedDispatchRunsInlineWhicheverContextItIsFor) {
+  GPUImageContext other;
+  std::string order;
+  runSynchronouslyOnContextQueue(other, [&] {
+    EXPECT_TRUE(other.contextQueue()->isCurrent());
+    runAsynchronouslyOnVideoProcessingQueue([&] { order += '1'; });
+    runSynchronouslyOnVideoProcessingQueue([&] {
+      EXPECT_TRUE(other.contextQueue()->isCurrent());
+      order += '2';
+    });
+    runAsynchronouslyOnContextQueue(other, [&] { order += '3'; });
+    order += '4';
+  });
+  EXPECT_EQ(order, "1234");
+  EXPECT_EQ(other.contextQueue()->label(), "com.brackenvale.GPUImage.openGLESContextQueue");
+  EXPECT_FALSE(isOnContextQueue());
+
+  Event ran;
+  runAsynchronouslyOnVideoProcessingQueue([&] {
+    EXPECT_TRUE(GPUImageContext::sharedContextQueue()->isCurrent());
+    runOnMainQueueWithoutDeadlocking([&] { runOnMainQueueWithoutDeadlocking([&] { ran.set(); }); });
+  });
+  EXPECT_TRUE(ran.wait());
+}
+
+TEST(Context, ProgramsAreSharedByEqualSourcesUntilReleased) {
+  onQueue([] {
+    auto& context = GPUImageContext::sharedImageProcessingContext();
+    context.useAsCurrentContext();
+    const std::string vertex = kDefaultVertexShaderString;
+    const std::string fragment = kPassThroughFragmentShaderString;
+    const auto program = context.programForVertexShaderString(vertex, fragment);
+    EXPECT_EQ(context.programForVertexShaderString(vertex, fragment), program);
+    EXPECT_NE(context.programForVertexShaderString(vertex + " ", fragment), program);
+    EXPECT_NE(context.programForVertexShaderString(vertex, fragment + " "), program);
+    const auto cache = context.framebufferCache();
+    context.releaseContext();
+    EXPECT_NE(context.programForVertexShaderString(vertex, fragment), program);
+    EXPECT_NE(context.framebufferCache(), cache);
+  });
+}
+
+TEST(Context, ProgramsOfEndedOwnersGoOnTheQueue) {
+  GLint alive = 0;
+  auto filter = GPUImageFilter::createWithFragmentShader(std::string(kPassThroughFragmentShaderString) + "  ");
+  GLint program = 0;
+  onQueue([&] {
+    GPUImageContext::setActiveShaderProgram(filter->filterProgram());
+    glGetIntegerv(GL_CURRENT_PROGRAM, &program);
+    GPUImageContext::setActiveShaderProgram(nullptr);
+    glUseProgram(0);
+    GPUImageContext::sharedImageProcessingContext().releaseContext();
+  });
+  filter.reset();
+  onQueue([&] { alive = glIsProgram(static_cast<GLuint>(program)); });
+  EXPECT_NE(program, 0);
+  EXPECT_EQ(alive, GL_FALSE);
+}
+
+TEST(Context, SizesKeepTheirShapeWithinTheTextureLimit) {
+  const double m = GPUImageContext::maximumTextureSizeForThisDevice();
+  ASSERT_GE(m, 2048);
+  struct Case {
+    Size given, fits;
+  };
+  for (const auto& [given, fits] : {Case{{m - 1, 100}, {m - 1, 100}}, Case{{2 * m, m}, {m, m / 2}},
+                                    Case{{m, 2 * m}, {m / 2, m}}, Case{{m, m}, {m, m}}, Case{{m, 3}, {m, 3}}}) {
+    EXPECT_EQ(GPUImageContext::sizeThatFitsWithinATextureForSize(given), fits) << given.width << " x " << given.height;
+  }
+}
+
+TEST(Context, ExtensionsAreWholeNames) {
+  std::string first;
+  onQueue([&] {
+    GPUImageContext::useImageProcessingContext();
+    const std::string all = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+    first = all.substr(0, all.find(' '));
+  });
+  EXPECT_TRUE(GPUImageContext::deviceSupportsOpenGLESExtension(first));
+  EXPECT_FALSE(GPUImageContext::deviceSupportsOpenGLESExtension(first.substr(0, first.size() - 1)));
+  EXPECT_FALSE(GPUImageContext::deviceSupportsOpenGLESExtension(""));
+}
+
+TEST(Context, MemoryReportNamesItsTag) {
+  const LogCapture log;
+  reportAvailableMemoryForGPUImage(nullptr);
+  reportAvailableMemoryForGPUImage("frame");
+  EXPECT_EQ(log.count("Default - Memory used: "), 1U);
+  EXPECT_EQ(log.count("frame - Memory used: "), 1U);
+}
+
+TEST(Program, AttributesAreNumberedInTheOrderOfTheirAddition) {
+  onQueue([] {
+    GPUImageContext::useImageProcessingContext();
+    GLProgram program(kTwoInputVertexShaderString, kAlphaBlendFragmentShaderString);
+    // Not the order in which the shader declares them.
+    for (const char* name : {"inputTextureCoordinate2", "position", "inputTextureCoordinate2"}) {
+      program.addAttribute(name);
+    }
+    EXPECT_EQ(program.attributeIndex("position"), 1U);
+    EXPECT_EQ(program.attributeIndex("nothing"), GLProgram::kNotFound);
+    ASSERT_TRUE(program.link());
+    EXPECT_TRUE(program.initialized());
+    EXPECT_GE(program.uniformIndex("mixturePercent"), 0);
+    EXPECT_EQ(program.uniformIndex("nothing"), -1);
+    program.use();
+    GLint name = 0;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &name);
+    EXPECT_EQ(glGetAttribLocation(static_cast<GLuint>(name), "inputTextureCoordinate2"), 0);
+    GPUImageContext::setActiveShaderProgram(nullptr);
+  });
+}
+
+}  // namespace
+}  // namespace zellive::test

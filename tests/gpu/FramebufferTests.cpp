@@ -1,0 +1,210 @@
+#include <GLES2/gl2.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+
+#include "tests/gpu/Golden.h"
+#include "tests/gpu/GpuTest.h"
+#include "tests/support/ManualPlatform.h"
+
+namespace zellive::test {
+namespace {
+
+void fill(GPUImageFramebuffer& framebuffer, float red) {
+  onQueue([&] {
+    GPUImageContext::useImageProcessingContext();
+    framebuffer.activateFramebuffer();
+    glClearColor(red, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+  });
+}
+
+auto plainRed(double red) {
+  return [red](std::size_t, std::size_t) { return Color{0, 0, red, 255}; };
+}
+
+void memoryWarning() {
+  defaultPlatform()->notifications->post(notification::DidReceiveMemoryWarning);
+  onQueue([] {});
+}
+
+TEST(FramebufferCache, KeysNameSizeOptionsAndKind) {
+  EXPECT_EQ(GPUImageFramebufferCache::hashForSize({1280, 720}, {}, false),
+            "1280.0x720.0-9729:9729:33071:33071:6408:32993:5121");
+  EXPECT_EQ(GPUImageFramebufferCache::hashForSize({0.25, 99.96}, {.minFilter = 9728}, true),
+            "0.2x100.0-9728:9729:33071:33071:6408:32993:5121-NOFB");
+}
+
+TEST(FramebufferCache, LastReturnedIsFirstFetchedAndKindsStayApart) {
+  const auto first = fetch(33, 20);
+  const auto second = fetch(33, 20);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(first->framebufferReferenceCount(), 1U);
+  first->lock();
+  first->unlock();
+  first->unlock();
+  second->unlock();
+  const auto texture = fetch(33, 20, true);
+  EXPECT_TRUE(texture->missingFramebuffer());
+  EXPECT_NE(fetch(33, 21), second);
+  EXPECT_EQ(fetch(33, 20), second);
+  EXPECT_EQ(fetch(33, 20), first);
+  EXPECT_NE(fetch(33, 20), first);
+  texture->unlock();
+  EXPECT_EQ(fetch(33, 20, true), texture);
+}
+
+TEST(FramebufferCache, UncountedFramebuffersStayWithTheirOwner) {
+  const auto mine = fetch(12, 12);
+  mine->disableReferenceCounting();
+  mine->unlock();
+  EXPECT_EQ(mine->framebufferReferenceCount(), 1U);
+  EXPECT_NE(fetch(12, 12), mine);
+  mine->enableReferenceCounting();
+  mine->unlock();
+  EXPECT_EQ(fetch(12, 12), mine);
+}
+
+TEST(FramebufferCache, MemoryWarningForgetsWhatNobodyHolds) {
+  auto idle = fetch(40, 30);
+  const auto held = fetch(40, 30);
+  const std::weak_ptr<GPUImageFramebuffer> gone = idle;
+  const auto texture = idle->texture();
+  idle->unlock();
+  idle.reset();
+  memoryWarning();
+  EXPECT_TRUE(gone.expired());
+  onQueue([&] { EXPECT_EQ(glIsTexture(texture), GL_FALSE); });
+  fill(*held, 1);
+  EXPECT_TRUE(matches(held->pixelBuffer(), 40, 30, 0, plainRed(255)));
+  held->unlock();
+  EXPECT_EQ(fetch(40, 30), held);
+}
+
+TEST(Framebuffer, OverReleaseWrapsAndIsNeverCached) {
+  const auto framebuffer = fetch(8, 8);
+  framebuffer->clearAllLocks();
+  framebuffer->unlock();
+  EXPECT_EQ(framebuffer->framebufferReferenceCount(), std::numeric_limits<std::uint64_t>::max());
+  EXPECT_NE(fetch(8, 8), framebuffer);
+}
+
+TEST(Framebuffer, BytesAreReadOncePerDrawingAndOnlyWhenAskedFor) {
+  const auto framebuffer = fetch(50, 7);
+  const auto before = counted();
+  fill(*framebuffer, 0.2F);
+  fill(*framebuffer, 1);
+  EXPECT_EQ((counted() - before).reads, 0U);
+  const auto picture = framebuffer->pixelBuffer();
+  EXPECT_TRUE(matches(picture, 50, 7, 0, plainRed(255)));
+  EXPECT_TRUE(picture->shareable());
+  EXPECT_EQ(picture->plane(0).bytesPerRow, framebuffer->bytesPerRow());
+  framebuffer->lockForReading();
+  EXPECT_EQ(framebuffer->byteBuffer(), picture->plane(0).base);
+  framebuffer->unlockAfterReading();
+  EXPECT_EQ(framebuffer->pixelBuffer(), picture);
+  EXPECT_EQ((counted() - before).reads, 1U);
+
+  // Whoever keeps a picture keeps what it shows.
+  fill(*framebuffer, 0);
+  EXPECT_TRUE(matches(framebuffer->pixelBuffer(), 50, 7, 0, plainRed(0)));
+  EXPECT_TRUE(matches(picture, 50, 7, 0, plainRed(255)));
+}
+
+TEST(Framebuffer, ReadingLocksNestAndHoldTheirBytes) {
+  const auto framebuffer = fetch(9, 9);
+  fill(*framebuffer, 1);
+  framebuffer->lockForReading();
+  framebuffer->lockForReading();
+  framebuffer->unlockAfterReading();
+  EXPECT_EQ(framebuffer->readLockCount(), 1U);
+  const auto* const bytes = framebuffer->byteBuffer();
+  fill(*framebuffer, 0);
+  EXPECT_TRUE(matches(framebuffer->pixelBuffer(), 9, 9, 0, plainRed(0)));
+  EXPECT_EQ(bytes[2], 255);
+  framebuffer->unlockAfterReading();
+  framebuffer->unlockAfterReading();
+  EXPECT_EQ(framebuffer->readLockCount(), 0U);
+}
+
+TEST(Framebuffer, ImagesLendItAndGiveItBack) {
+  auto framebuffer = fetch(21, 5);
+  fill(*framebuffer, 1);
+  auto* const address = framebuffer.get();
+  auto image = framebuffer->newCGImageFromFramebufferContents();
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->layout(), Image::Layout::BGRAPremultiplied);
+  EXPECT_EQ(image->bytesPerRow(), framebuffer->bytesPerRow());
+  EXPECT_EQ(std::memcmp(image->bytes(), "\0\0\377\377", 4), 0);
+  framebuffer.reset();
+  memoryWarning();
+  EXPECT_EQ(image->bytes()[4 * image->bytesPerRow() + 20 * 4 + 2], 255);
+  image.reset();
+  EXPECT_EQ(fetch(21, 5).get(), address);
+}
+
+TEST(Framebuffer, TexturesOfOthersAreWrappedAndDeleted) {
+  GLuint name = 0;
+  onQueue([&] {
+    GPUImageContext::useImageProcessingContext();
+    glGenTextures(1, &name);
+    glBindTexture(GL_TEXTURE_2D, name);
+  });
+  auto framebuffer = GPUImageFramebuffer::createWithTexture({4, 4}, name);
+  EXPECT_TRUE(framebuffer->referenceCountingDisabled());
+  EXPECT_FALSE(framebuffer->pixelBuffer());
+  framebuffer.reset();
+  onQueue([&] { EXPECT_EQ(glIsTexture(name), GL_FALSE); });
+}
+
+TEST(Framebuffer, ImpossibleSizesAreLoggedAndSwallowDrawing) {
+  const double beyond = GPUImageContext::maximumTextureSizeForThisDevice() + 1;
+  for (const Size size : {Size{0, 0}, Size{0, 10}, Size{-5, 10}, Size{beyond, 2}, Size{1e300, 1e300},
+                          Size{std::numeric_limits<double>::quiet_NaN(), 4}}) {
+    const LogCapture log;
+    const auto framebuffer = fetch(size.width, size.height);
+    EXPECT_EQ(log.count("FBO size: "), 1U) << size.width << " x " << size.height;
+    fill(*framebuffer, 1);
+    EXPECT_FALSE(framebuffer->pixelBuffer());
+    EXPECT_EQ(framebuffer->byteBuffer(), nullptr);
+    EXPECT_FALSE(framebuffer->newCGImageFromFramebufferContents());
+  }
+}
+
+TEST(TextureCache, RefusesWhatItCannotMakeAndKeepsWhatIsUsed) {
+  onQueue([] {
+    auto& context = GPUImageContext::sharedImageProcessingContext();
+    context.useAsCurrentContext();
+    auto& cache = *context.coreVideoTextureCache();
+    const auto picture = samplePicture(PixelFormat::BiPlanarFullRange, 30, 20);
+    const std::size_t beyond = static_cast<std::size_t>(GPUImageContext::maximumTextureSizeForThisDevice()) + 1;
+    constexpr std::uint32_t kLuma = GL_LUMINANCE;
+    const auto status = [&](std::size_t plane, TextureShape shape) {
+      return cache.makeTexture(*picture, plane, shape).status;
+    };
+    EXPECT_EQ(status(0, {kLuma, 30, 20, kLuma}), TextureStatus::Made);
+    EXPECT_EQ(status(2, {kLuma, 1, 1, kLuma}), TextureStatus::BadPicture);
+    EXPECT_EQ(status(1, {kLuma, 30, 11, kLuma}), TextureStatus::BadPicture);
+    EXPECT_EQ(status(0, {.width = 17, .height = 1}), TextureStatus::BadPicture) << "17 x 4 bytes in a row of 64";
+    EXPECT_EQ(status(0, {kLuma, 0, 20, kLuma}), TextureStatus::BadPicture);
+    EXPECT_EQ(status(0, {kLuma, beyond, 1, kLuma}), TextureStatus::TooLarge);
+    EXPECT_EQ(status(0, {kLuma, 8, 8, 0x1234}), TextureStatus::NotSupported);
+
+    // Busy textures are not written over; idle ones serve again, also when each picture is preceded by a flush.
+    const auto held = cache.makeTexture(*picture, 0, {kLuma, 8, 8, kLuma}).texture;
+    const auto before = counted();
+    for (int i = 0; i < 100; ++i) {
+      cache.flush(TextureCache::Flush::Stale);
+      const auto texture = cache.makeTexture(*picture, 0, {kLuma, 8, 8, kLuma}).texture;
+      EXPECT_NE(texture->name, held->name);
+    }
+    EXPECT_EQ((counted() - before).glObjects, 1U);
+    const auto name = held->name;
+    cache.flush(TextureCache::Flush::All);
+    EXPECT_EQ(glIsTexture(name), GL_TRUE);
+  });
+}
+
+}  // namespace
+}  // namespace zellive::test

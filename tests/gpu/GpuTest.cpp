@@ -1,0 +1,168 @@
+#include "tests/gpu/GpuTest.h"
+
+#include <GLES2/gl2.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace {
+
+std::atomic<std::uint64_t> glObjects = 0;
+std::atomic<std::uint64_t> textureStorages = 0;
+std::atomic<std::uint64_t> draws = 0;
+std::atomic<std::uint64_t> reads = 0;
+std::atomic<std::uint64_t> allocations = 0;
+
+void* allocate(std::size_t size, std::size_t alignment) {
+  ++allocations;
+  return alignment <= alignof(std::max_align_t)
+             ? std::malloc(size)
+             : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+}
+
+void* allocateOrThrow(std::size_t size, std::size_t alignment) {
+  void* const memory = allocate(size, alignment);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+/// The function of that name which this program's own stands in front of.
+template <typename Function>
+Function* behind(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return allocateOrThrow(size, 1); }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return allocateOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size, 1); }
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return allocate(size, static_cast<std::size_t>(alignment));
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+
+// The library's calls come here, because a program's own functions go before those of its libraries.
+extern "C" {
+void glGenTextures(GLsizei n, GLuint* names) {
+  static auto* const real = behind<decltype(glGenTextures)>("glGenTextures");
+  glObjects += static_cast<std::uint64_t>(n);
+  real(n, names);
+}
+void glGenFramebuffers(GLsizei n, GLuint* names) {
+  static auto* const real = behind<decltype(glGenFramebuffers)>("glGenFramebuffers");
+  glObjects += static_cast<std::uint64_t>(n);
+  real(n, names);
+}
+GLuint glCreateProgram() {
+  static auto* const real = behind<decltype(glCreateProgram)>("glCreateProgram");
+  ++glObjects;
+  return real();
+}
+void glTexImage2D(GLenum target, GLint level, GLint inside, GLsizei width, GLsizei height, GLint border, GLenum format,
+                  GLenum type, const void* pixels) {
+  static auto* const real = behind<decltype(glTexImage2D)>("glTexImage2D");
+  ++textureStorages;
+  real(target, level, inside, width, height, border, format, type, pixels);
+}
+void glDrawArrays(GLenum mode, GLint first, GLsizei count) {
+  static auto* const real = behind<decltype(glDrawArrays)>("glDrawArrays");
+  ++draws;
+  real(mode, first, count);
+}
+void glReadPixels(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, void* pixels) {
+  static auto* const real = behind<decltype(glReadPixels)>("glReadPixels");
+  ++reads;
+  real(x, y, width, height, format, type, pixels);
+}
+}
+
+namespace zellive::test {
+
+Counts counted() { return {glObjects, textureStorages, draws, reads, allocations}; }
+
+namespace {
+
+/// Runs what is due later at once.
+class ImpatientQueue : public Queue {
+ public:
+  explicit ImpatientQueue(std::shared_ptr<Queue> queue) : queue_(std::move(queue)) {}
+  void async(Task task) override { queue_->async(std::move(task)); }
+  std::shared_ptr<DelayedWork> after(std::chrono::nanoseconds delay, Task task) override {
+    struct Done : DelayedWork {
+      void cancel() override {}
+    };
+    GpuPlatform::lastLimit = delay;
+    task();
+    return std::make_shared<Done>();
+  }
+  std::unique_ptr<ReadWatch> whenReadable(int, Task) override { return nullptr; }
+  [[nodiscard]] bool isCurrent() const override { return queue_->isCurrent(); }
+  [[nodiscard]] const std::string& label() const override { return queue_->label(); }
+
+ private:
+  const std::shared_ptr<Queue> queue_;
+};
+
+class ImpatientQueues : public QueueService {
+ public:
+  std::shared_ptr<Queue> makeSerialQueue(std::string label) override {
+    return defaultPlatform()->queues->makeSerialQueue(std::move(label));
+  }
+  std::shared_ptr<Queue> mainQueue() override { return defaultPlatform()->queues->mainQueue(); }
+  std::shared_ptr<Queue> globalQueue() override { return global_; }
+
+ private:
+  const std::shared_ptr<Queue> global_ = std::make_shared<ImpatientQueue>(defaultPlatform()->queues->globalQueue());
+};
+
+class LosableContext : public GraphicsContext {
+ public:
+  explicit LosableContext(std::shared_ptr<GraphicsContext> context) : context_(std::move(context)) {}
+  bool makeCurrent() override {
+    if (GpuPlatform::contextLost) {
+      context_->clearCurrent();
+      return false;
+    }
+    return context_->makeCurrent();
+  }
+  [[nodiscard]] bool isCurrent() const override { return context_->isCurrent(); }
+  void clearCurrent() override { context_->clearCurrent(); }
+  void presentRenderbuffer() override { context_->presentRenderbuffer(); }
+  std::unique_ptr<TextureCache> makeTextureCache() override { return context_->makeTextureCache(); }
+
+ private:
+  const std::shared_ptr<GraphicsContext> context_;
+};
+
+class LosableGraphics : public GraphicsService {
+ public:
+  std::shared_ptr<GraphicsContext> makeContext(GraphicsAPI api, const std::shared_ptr<GraphicsContext>&) override {
+    auto context = defaultPlatform()->graphics->makeContext(api);
+    return context ? std::make_shared<LosableContext>(std::move(context)) : nullptr;
+  }
+};
+
+class GpuEnvironment : public testing::Environment {
+ public:
+  void SetUp() override {
+    auto platform = std::make_shared<Platform>(*defaultPlatform());
+    platform->queues = std::make_shared<ImpatientQueues>();
+    platform->graphics = std::make_shared<LosableGraphics>();
+    ASSERT_TRUE(GPUImageContext::setSharedPlatform(std::move(platform)));
+  }
+};
+const auto* const environment = testing::AddGlobalTestEnvironment(new GpuEnvironment);
+
+}  // namespace
+}  // namespace zellive::test

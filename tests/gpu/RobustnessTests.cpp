@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "tests/gpu/Golden.h"
+#include "tests/gpu/GpuTest.h"
+#include "tests/support/Event.h"
+#include "tests/support/ManualPlatform.h"
+#include "zellive/gpu/GPUImageAlphaBlendFilter.h"
+
+namespace zellive::test {
+namespace {
+
+constexpr char kReadsInput[] =
+    "varying highp vec2 textureCoordinate; uniform sampler2D inputImageTexture; void main() { gl_FragColor = "
+    "texture2D(inputImageTexture, textureCoordinate).bgra; }";
+
+struct Fault {
+  const char* name;
+  std::string vertexShader, fragmentShader;
+  std::vector<const char*> messages;
+};
+void PrintTo(const Fault& fault, std::ostream* stream) { *stream << fault.name; }
+
+class BadShader : public testing::TestWithParam<Fault> {};
+
+const std::string kVertex = "attribute vec4 position; void main() { gl_Position = position; }";
+const std::string kFragment = "void main() { gl_FragColor = vec4(1); }";
+INSTANTIATE_TEST_SUITE_P(
+    All, BadShader,
+    testing::Values(
+        Fault{"fragment", kVertex, "void main() { nonsense }", {"Failed to compile fragment shader"}},
+        Fault{"vertex", "nonsense", kFragment, {"Failed to compile vertex shader"}},
+        Fault{"empty", kVertex, "", {"Failed to load vertex shader", "Failed to compile fragment shader"}},
+        Fault{"encoding", "\xC3(", kFragment, {"Failed to load vertex shader", "Failed to compile vertex shader"}},
+        Fault{"link", kVertex, "varying highp vec2 none; void main() { gl_FragColor = none.xyxy; }", {}}));
+
+TEST_P(BadShader, IsLoggedAndFramesGoOnInTheBackgroundColor) {
+  std::vector<std::string> messages;
+  setLogHandler([&](LogLevel, std::string_view, int, std::string_view message) { messages.emplace_back(message); });
+  const auto filter = GPUImageFilter::createWithShaders(GetParam().vertexShader, GetParam().fragmentShader);
+  setLogHandler({});
+  std::vector<std::string> expected(GetParam().messages.begin(), GetParam().messages.end());
+  expected.insert(expected.end(),
+                  {"Program link log: ", "Fragment shader compile log: ", "Vertex shader compile log: "});
+  ASSERT_EQ(messages.size(), expected.size());
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    EXPECT_TRUE(messages[i].starts_with(expected[i])) << messages[i];
+  }
+  EXPECT_FALSE(filter->filterProgram());
+  filter->setBackgroundColor(0, 1, 0, 1);
+  filter->setFloat(1, "anything");
+  const auto source = std::make_shared<PictureSource>();
+  const auto sink = std::make_shared<Recorder>();
+  source->addTarget(filter);
+  filter->addTarget(sink);
+  source->send(*samplePicture(PixelFormat::BGRA, 6, 4));
+  ASSERT_EQ(sink->times.size(), 1U);
+  EXPECT_TRUE(matches(sink->last->pixelBuffer(), 6, 4, 0, [](auto, auto) { return Color{0, 255, 0, 255}; }));
+}
+
+TEST(Robustness, CompilerMessagesReachTheLog) {
+  const LogCapture log;
+  (void)GPUImageFilter::createWithShaders(kVertex, "void main() { gl_FragColor = undeclaredThing; }");
+  EXPECT_EQ(log.count("undeclaredThing"), 1U);
+}
+
+TEST(Robustness, FramesOfImpossibleSizesPass) {
+  const auto source = std::make_shared<PictureSource>();
+  const auto filter = GPUImageFilter::createWithFragmentShader(kReadsInput);
+  const auto sink = std::make_shared<Recorder>();
+  source->addTarget(filter);
+  filter->addTarget(sink);
+  const auto picture = samplePicture(PixelFormat::BGRA, 8, 8);
+  const double beyond = GPUImageContext::maximumTextureSizeForThisDevice() + 1;
+  for (const Size size : {Size{beyond, 4}, Size{0.5, 4}, Size{-1, -1}}) {
+    filter->forceProcessingAtSize(size);
+    source->send(*picture);
+    EXPECT_FALSE(sink->last->pixelBuffer());
+  }
+  filter->forceProcessingAtSize({});
+  source->send(*picture);
+  EXPECT_TRUE(sink->last->pixelBuffer());
+  EXPECT_EQ(sink->times.size(), 4U);
+}
+
+TEST(Robustness, FiltersComeAndGoWhileFramesFly) {
+  const auto source = std::make_shared<PictureSource>();
+  const auto steady = GPUImageFilter::create();
+  const auto sink = std::make_shared<Recorder>();
+  source->addTarget(steady);
+  steady->addTarget(sink);
+  const auto picture = samplePicture(PixelFormat::BGRA, 16, 16);
+  std::atomic<std::int64_t> sent = 0;
+  whileMeddling([&] { source->send(*picture, MediaTime::make(sent++, 30)); },
+                [&] {
+                  for (int i = 0; i < 200; ++i) {
+                    const auto filter = GPUImageAlphaBlendFilter::create();
+                    filter->disableSecondFrameCheck();
+                    source->addTarget(filter);
+                    filter->addTarget(sink, 1);
+                    filter->setMix(0.3);
+                    filter->setBackgroundColor(0, 0, 1, 1);
+                    filter->setFrameProcessingCompletionBlock(
+                        [](GPUImageOutput& output, MediaTime) { (void)output.framebufferForOutput()->pixelBuffer(); });
+                    filter->forceProcessingAtSize({static_cast<double>(8 + i % 3), 8});
+                    EXPECT_FALSE(source->targets().empty());
+                    if (i % 2 == 0) {
+                      source->removeTarget(filter);
+                    } else {
+                      source->removeAllTargets();
+                      source->addTarget(steady);
+                    }
+                    if (i % 16 == 0) {
+                      GPUImageContext::sharedImageProcessingContext().releaseContext();
+                    }
+                  }
+                });
+  sink->times.clear();
+  source->send(*picture, MediaTime::make(-1, 30));
+  EXPECT_EQ(sink->times, std::vector<std::int64_t>{-1});
+}
+
+TEST(Robustness, ATargetThatLeavesDuringAFrameDoesNotDisturbTheOthers) {
+  struct Leaver : Recorder {
+    std::weak_ptr<GPUImageOutput> from;
+    std::weak_ptr<GPUImageInput> self;
+    void newFrameReadyAtTime(MediaTime time, std::size_t index) override {
+      Recorder::newFrameReadyAtTime(time, index);
+      from.lock()->removeTarget(self.lock());
+    }
+  };
+  const auto source = std::make_shared<PictureSource>();
+  const auto leaver = std::make_shared<Leaver>();
+  leaver->from = source;
+  leaver->self = leaver;
+  const auto after = std::make_shared<Recorder>();
+  source->addTarget(leaver);
+  source->addTarget(after);
+  const auto picture = samplePicture(PixelFormat::BGRA, 8, 8);
+  source->send(*picture);
+  source->send(*picture);
+  EXPECT_EQ(leaver->times.size(), 1U);
+  EXPECT_EQ(after->times.size(), 2U);
+  EXPECT_EQ(after->last->framebufferReferenceCount(), 0U);
+}
+
+/// A chain of which every part is used, without a picture coming out.
+void expectDarkPipeline() {
+  const auto source = std::make_shared<PictureSource>();
+  const auto filter = GPUImageFilter::createWithFragmentShader(kReadsInput);
+  const auto sink = std::make_shared<Recorder>();
+  source->addTarget(filter);
+  filter->addTarget(sink);
+  filter->setFloat(1, "anything");
+  filter->useNextFrameForImageCapture();
+  for (int frame = 0; frame < 3; ++frame) {
+    source->send(*samplePicture(PixelFormat::BGRA, 8, 8), MediaTime::make(frame, 30));
+    source->send(*samplePicture(PixelFormat::BiPlanarFullRange, 8, 8));
+  }
+  EXPECT_EQ(sink->times.size(), 6U);
+  EXPECT_FALSE(sink->last->pixelBuffer());
+  EXPECT_EQ(sink->last->byteBuffer(), nullptr);
+  EXPECT_FALSE(filter->newCGImageFromCurrentlyProcessedOutput());
+  GPUImageContext::sharedImageProcessingContext().presentBufferForDisplay();
+  GPUImageContext::sharedImageProcessingContext().releaseContext();
+}
+
+TEST(Robustness, ALostContextLeavesThePipelineDark) {
+  const auto framebuffer = fetch(8, 8);
+  const LogCapture log;
+  GpuPlatform::contextLost = true;
+  EXPECT_FALSE(framebuffer->pixelBuffer());
+  expectDarkPipeline();
+  GpuPlatform::contextLost = false;
+  EXPECT_EQ(log.count(""), 0U) << "the context itself says it";
+  EXPECT_TRUE(framebuffer->pixelBuffer());
+}
+
+TEST(RobustnessDeathTest, AMachineWithoutEglSaysSoOnce) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        setenv("__EGL_VENDOR_LIBRARY_DIRS", "/nonexistent", 1);
+        const LogCapture log;
+        expectDarkPipeline();
+        EXPECT_EQ(GPUImageContext::maximumTextureSizeForThisDevice(), 0);
+        EXPECT_FALSE(GPUImageContext::deviceSupportsRedTextures());
+        EXPECT_EQ(GPUImageContext::sizeThatFitsWithinATextureForSize({3, 4}), (Size{3, 4}));
+        EXPECT_EQ(log.count(""), 1U);
+        EXPECT_EQ(log.count(LogLevel::Warning, "Live: no OpenGL ES on this machine"), 1U);
+        std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+/// Frames of a running pipeline cost no object of the GPU's and no memory.
+TEST(SteadyState, TenThousandFramesAllocateNothing) {
+  const auto source = std::make_shared<PictureSource>();
+  const auto still = std::make_shared<PictureSource>();
+  const auto first = GPUImageFilter::create();
+  const auto blend = GPUImageAlphaBlendFilter::create();
+  const auto output = GPUImageFilter::createWithFragmentShader(kReadsInput);
+  source->addTarget(first);
+  first->addTarget(blend);
+  still->addTarget(blend);
+  blend->addTarget(output);
+  std::array<std::shared_ptr<PixelBuffer>, 3> kept;  // As an encoder keeps pictures for a while.
+  std::size_t frames = 0;
+  output->setFrameProcessingCompletionBlock([&](GPUImageOutput& stage, MediaTime) {
+    kept[frames++ % kept.size()] = stage.framebufferForOutput()->pixelBuffer();
+  });
+  const auto camera = samplePicture(PixelFormat::BiPlanarFullRange, 64, 48);
+  const auto mark = samplePicture(PixelFormat::BGRA, 64, 48);
+  Counts before{};
+  onQueue([&] {
+    for (int frame = 0; frame < 10020; ++frame) {
+      if (frame == 20) {
+        before = counted();
+      }
+      const auto time = MediaTime::make(frame, 30);
+      source->push(*camera, time);
+      still->push(*mark, time);
+    }
+  });
+  const auto spent = counted() - before;
+  EXPECT_EQ(frames, 10020U);
+  EXPECT_EQ(spent.glObjects, 0U);
+  EXPECT_EQ(spent.textureStorages, 0U);
+  EXPECT_EQ(spent.allocations, 0U);
+  EXPECT_EQ(spent.reads, 10000U);
+}
+
+}  // namespace
+}  // namespace zellive::test
