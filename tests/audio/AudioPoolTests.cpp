@@ -6,8 +6,6 @@
 #include <random>
 #include <vector>
 
-#include "tests/support/Event.h"
-
 namespace zellive {
 namespace {
 
@@ -96,21 +94,6 @@ TEST_F(AudioPool, SurvivesItsOwnerInsideTheCall) {
   collector->onBlock = [this] { pool.reset(); };
   pool->receiveAudioData(Bytes(9600), 1);
   EXPECT_EQ(collector->stamps.size(), 9U);
-}
-
-TEST_F(AudioPool, LevelAndListMayChangeWhileAudioRuns) {
-  std::int64_t level = 0;
-  const auto change = [&] {
-    pool->setDenoiseLevel(++level % 5);
-    pool->setDelegate(collector);
-    level % 16 == 0 ? pool->setFilters({}) : void();
-  };
-  test::whileMeddling(change, [&] {
-    for (int i = 0; i < 100; ++i) {
-      pool->receiveAudioData(Bytes(1500), i);
-    }
-  });
-  EXPECT_EQ(collector->stamps.size(), 100 * 1500 / 960 * 960 / 1024U);
 }
 
 }  // namespace

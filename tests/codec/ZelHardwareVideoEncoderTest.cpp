@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
-#include <thread>
 
 #include "tests/codec/FakeCompression.h"
-#include "tests/codec/TestMedia.h"
-#include "tests/support/Event.h"
 #include "tests/support/ManualPlatform.h"
 
 namespace zellive {
@@ -215,48 +213,6 @@ TEST_F(ZelHardwareVideoEncoderTest, MayBeDestroyedAtAnyMoment) {
   collector_.reset();
   encode();
   EXPECT_EQ(fake_->trace, "S") << "it encodes without a delegate";
-}
-
-/// Real queues and a real encoder, driven from several threads while its session is replaced again and again.
-TEST(ZelHardwareVideoEncoderThreads, EncodesWhileOthersChangeEverything) {
-  struct Waiter : ZelVideoEncodingDelegate {
-    void videoEncoderVideoFrame(ZelHardwareVideoEncoder& encoder,
-                                std::shared_ptr<const ZelLiveVideoFrame> frame) override {
-      encoder.setVideoBitRate(static_cast<std::int64_t>(encoder.videoBitRate()) + 1000);
-      EXPECT_TRUE(frame->sps);
-      ++frames;
-    }
-    void videoEncoderDidFinishPicture(ZelHardwareVideoEncoder&) override { finished.at(pictures++).set(); }
-    std::array<test::Event, 61> finished;
-    std::size_t pictures = 0;
-    int frames = 0;
-  };
-  const auto flaky = std::make_shared<test::FakeCompression>();
-  flaky->behind = defaultPlatform()->videoCompression;
-  const auto platform = std::make_shared<Platform>(*defaultPlatform());
-  platform->videoCompression = flaky;
-  const auto configuration = std::make_shared<ZelLiveVideoConfiguration>(0, ZelLiveInputVideo, 1);
-  configuration->setVideoSize({160, 120});
-  const auto waiter = std::make_shared<Waiter>();
-  auto encoder = ZelHardwareVideoEncoder::create(configuration, platform, {.encoder = "libx264", .preset = ""});
-  encoder->setDelegate(waiter);
-  const auto meddle = [encoder, index = 0]() mutable {
-    encoder->setVideoBitRate(300000 + ++index % 7 * 50000);
-    encoder->requestKeyFrame();
-    encoder->fillVideoFrame();
-    encoder->stopEncoder();
-    std::this_thread::yield();
-  };
-  test::whileMeddling(meddle, [&] {
-    for (std::uint64_t index = 0; index < 60; ++index) {
-      flaky->encodeStatus = index % 6 == 5 ? -12902 : 0;
-      encoder->encodeVideoData(test::restlessScene(160, 120, static_cast<int>(index)), index);
-      ASSERT_TRUE(waiter->finished.at(index).wait());
-    }
-    EXPECT_TRUE(waiter->frames >= 50 && flaky->made == 10);
-    encoder->encodeVideoData(test::restlessScene(160, 120, 0), 60);
-    encoder.reset();
-  });
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 namespace zellive {
 namespace {
@@ -131,20 +129,6 @@ TEST(PixelBufferPool, ReusesWhatWasGivenBackButNotUnderAnObserver) {
   EXPECT_EQ(pool->allocated(), 3U);
   pool.reset();
   expectOwnMemory(*third);  // Pictures outlive their pool.
-}
-
-TEST(PixelBufferPool, ThreadsShareItAndItMayGoMeanwhile) {
-  auto pool = PixelBufferPool::create(BGRA, 16, 16);
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([pool] {
-      for (int j = 0; j < 1000; ++j) {
-        const std::shared_ptr<PixelBuffer> held[] = {pool->acquire(), pool->acquire()};
-        held[1]->plane(0).base[0] = static_cast<std::uint8_t>(j);
-      }
-    });
-  }
-  pool.reset();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/codec/FakeCompression.h"
 #include "tests/support/Event.h"
 #include "tests/support/WireServer.h"
 #include "zellive/platform/Log.h"
@@ -80,12 +81,17 @@ struct Crowd : ZelLiveSessionDelegate {
   Event gone;
 };
 
+/// Its encoder's session is replaced again and again, because it refuses pictures.
 Session startedSession(const std::string& url, const std::shared_ptr<Crowd>& crowd) {
   constexpr std::int64_t type = ZelLiveInputAudio | ZelLiveInputVideo;
   auto video = ZelLiveVideoConfiguration::defaultConfigurationForQuality(ZelLiveVideoQualityLow, type);
   video->setVideoSize({64, 64});
+  const auto compression = std::make_shared<FakeCompression>();
+  compression->behind = defaultPlatform()->videoCompression;
+  const auto platform = std::make_shared<Platform>(*defaultPlatform());
+  platform->videoCompression = compression;
   ++crowd->alive;
-  auto session = ZelLiveSession::create(ZelLiveAudioConfiguration::defaultConfiguration(), video, type);
+  auto session = ZelLiveSession::create(ZelLiveAudioConfiguration::defaultConfiguration(), video, type, platform);
   session->setDelegate(crowd);
   session->setShowDebugInfo(true);
   session->setAdaptiveBitRate(true);
@@ -109,7 +115,10 @@ TEST(SessionStress, SessionsMayBeUsedEndedAndDestroyedByAnyThreadAtAnyTime) {
   const auto pushPicture = [](ZelLiveSession& session) {
     session.pushVideo(PixelBuffer::create(oneIn(2) ? PixelFormat::BGRA : PixelFormat::Planar, 64, oneIn(50) ? 32 : 64));
   };
-  const auto change = [](ZelLiveSession& session) {
+  const auto publisher = ZelStreamRtmpSocket::create(std::make_shared<ZelLiveStreamInfo>());
+  const auto change = [&](ZelLiveSession& session) {
+    session.socketBufferStatus(*publisher,
+                               oneIn(2) ? ZelStreamingBufferStateIncrease : ZelStreamingBufferStateDecrease);
     oneIn(2) ? session.turnOffAudio(oneIn(4)) : session.turnOffVideo(oneIn(4));
     session.setDenoiseLevel(dice() % 5);
     ask(session);
