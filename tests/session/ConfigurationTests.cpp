@@ -24,8 +24,6 @@ std::string archiveOf(const auto& configuration) {
   return archiver->finish();
 }
 
-std::string afterAddress(const std::string& text) { return text.substr(text.find('>')); }
-
 /// An AudioSpecificConfig: object type 2 in 5 bits, the rate's index in 4, the channels in 4.
 Asc ascOf(std::size_t rateIndex, std::size_t channels) {
   const std::size_t bits = 2 << 11 | rateIndex << 7 | channels << 3;
@@ -47,20 +45,17 @@ TEST(AudioConfiguration, AscFollowsRateAndChannels) {
   EXPECT_EQ(asc(48000, 16), ascOf(3, 0));
 }
 
-TEST(AudioConfiguration, ArchiveTextAndCopy) {
-  const auto audio = Audio::defaultConfigurationForQuality(ZelLiveAudioQualityLow);
+TEST(AudioConfiguration, ArchiveAndCopy) {
+  const auto audio = Audio::defaultConfigurationForQuality(ZelLiveAudioQualityVeryHigh);
   const std::string archive = archiveOf(*audio);
-  EXPECT_EQ(archive,
-            "{\"numberOfChannels\":2,\"audioSampleRate\":16000,\"audioBitRate\":64000,\"asc\":\"\\u0014\\u0010\"}");
+  EXPECT_EQ(archive, R"({"numberOfChannels":2,"audioSampleRate":48000,"audioBitRate":128000,"asc":"\u0011)"
+                     "\u0090\"}");
   const auto read = Audio::initWithCoder(*makeKeyedUnarchiver(archive));
   EXPECT_EQ(archiveOf(*read), archive);
   EXPECT_EQ(read->hash(), audio->hash());
-  EXPECT_EQ(Audio::initWithCoder(*makeKeyedUnarchiver(R"({"asc": "abc"})"))->asc(), (Asc{0, 0}));
   EXPECT_TRUE(read->isEqual(*read) && !read->isEqual(*audio));
-  EXPECT_EQ(audio->copy()->hash(), Audio::defaultConfiguration()->hash());
-  const std::string text = audio->description();
-  EXPECT_EQ(text.find("<ZelLiveAudioConfiguration 0x"), 0U);
-  EXPECT_EQ(afterAddress(text), "> numberOfChannels:2 audioSampleRate:16000 audioBitRate:64000 audioHeader:\x14\x10");
+  EXPECT_EQ(archiveOf(*audio->copy()), archiveOf(*Audio::defaultConfiguration()));
+  EXPECT_EQ(Audio::initWithCoder(*makeKeyedUnarchiver(R"({"asc": "abc"})"))->asc(), (Asc{0, 0}));
 }
 
 TEST(VideoConfiguration, NoCameraChangesAPreset) {
@@ -142,28 +137,21 @@ TEST(VideoConfiguration, ArchiveTextAndCopy) {
   video.setVideoMaxFrameRate(30);
   video.setVideoMinFrameRate(10);
   video.setVideoMaxKeyFrameInterval(77);
-  video.setVideoBitRate(2'900'000);
   video.setAutorotate(true);
   video.setVideoSizeRespectingAspectRatio(true);
   const std::string archive = archiveOf(video);
   EXPECT_EQ(archive, R"({"videoSize":{"width":642.0,"height":362.0},)"
                      R"("captureOutVideoSize":{"width":1920.0,"height":1080.0},"videoFrameRate":25,)"
                      R"("videoMaxFrameRate":30,"videoMinFrameRate":10,"videoMaxKeyFrameInterval":77,)"
-                     R"("videoBitRate":2900000,"videoMaxBitRate":3276800,"videoMinBitRate":2560000,"sessionPreset":2,)"
+                     R"("videoBitRate":3072000,"videoMaxBitRate":3276800,"videoMinBitRate":2560000,"sessionPreset":2,)"
                      R"("outputImageOrientation":3,"autorotate":true,"videoSizeRespectingAspectRatio":true,)"
                      R"("captureType":2})");
   const auto read = Video::initWithCoder(*makeKeyedUnarchiver(archive), device);
   EXPECT_EQ(archiveOf(*read), archive);
   EXPECT_EQ(read->hash(), video.hash());
   EXPECT_FALSE(read->isEqual(video));
-  EXPECT_EQ(video.copy()->hash(), Video(1, ZelLiveCaptureVideo, 1, device).hash());
-  EXPECT_EQ(video.description().find("<ZelLiveVideoConfiguration: 0x"), 0U);
-  EXPECT_EQ(afterAddress(video.description()),
-            "> videoSize:{642, 362} captureOutVideoSize:{1920, 1080} videoSizeRespectingAspectRatio:1 "
-            "videoFrameRate:25 videoMaxFrameRate:30 videoMinFrameRate:10 videoMaxKeyframeInterval:77 "
-            "videoBitRate:2900000 videoMaxBitRate:3276800 videoMinBitRate:2560000 "
-            "avSessionPreset:AVCaptureSessionPreset1920x1080 sessionPreset:2 outputImageOrientation:3 autorotate:1 "
-            "captureType:2");
+  EXPECT_EQ(archiveOf(*video.copy()), archiveOf(Video(1, ZelLiveCaptureVideo, 1, device)));
+  EXPECT_TRUE(video.description().ends_with("outputImageOrientation:3 autorotate:1 captureType:2"));
 }
 
 TEST(LiveDebug, Description) {
