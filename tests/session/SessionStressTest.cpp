@@ -108,7 +108,8 @@ TEST(SessionStress, SessionsMayBeUsedEndedAndDestroyedByAnyThreadAtAnyTime) {
   WireServer server;
   const auto crowd = std::make_shared<Crowd>();
   // The handler may still be running on some thread when it has been replaced.
-  setLogHandler([crowd](LogLevel, std::string_view, int, std::string_view message) { crowd->hear(message); });
+  const auto hear = [crowd](LogLevel, std::string_view, int, std::string_view message) { crowd->hear(message); };
+  setLogHandler(hear);
   const auto pushAudio = [](ZelLiveSession& session) {
     session.pushAudio(std::vector<std::uint8_t>(oneIn(50) ? 1 : dice() % 4096));
   };
@@ -127,6 +128,7 @@ TEST(SessionStress, SessionsMayBeUsedEndedAndDestroyedByAnyThreadAtAnyTime) {
     defaultPlatform()->notifications->post(oneIn(4) ? notification::DidEnterBackground
                                                     : notification::WillEnterForeground);
     session.setRunning(oneIn(2));
+    oneIn(10) ? setLogHandler(hear) : void();
     oneIn(100) ? server.cut() : void();
   };
   const auto end = [](ZelLiveSession& session) {
