@@ -161,7 +161,7 @@ class SessionTest : public ::testing::Test {
   ManualPlatform manual;
   /// In the middle of each message the application asks the session something, which it may.
   LogCapture log{[this, thread = std::this_thread::get_id()] {
-    if (session && thread == std::this_thread::get_id()) {
+    if (thread == std::this_thread::get_id() && session) {
       (void)session->streamInfo();
       (void)session->denoiseLevel();
     }
