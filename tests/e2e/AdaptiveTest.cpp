@@ -2,7 +2,7 @@
 #include <cstdio>
 
 #include "tests/e2e/Tool.h"
-#include "tests/support/ThrottledRelay.h"
+#include "tests/support/Relay.h"
 
 namespace zellive::test {
 namespace {
@@ -36,7 +36,7 @@ double videoRate(const FlvFile& file, double from, double to) {
 }
 
 TEST_F(ServerTest, TheBitRateFollowsANarrowingAndWideningLink) {
-  ThrottledRelay relay(server->rtmpPort());
+  Relay relay(server->rtmpPort());
   Process tool(toolCommand("rtmp://127.0.0.1:" + std::to_string(relay.port()) + "/live/adaptive",
                            {"--input", clip, "--loop", "--size", "640x360", "--bitrate", "400k", "--adaptive", "--json",
                             "--preset", "superfast"}));

@@ -1,0 +1,184 @@
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/faults/Tap.h"
+#include "zellive/session/ZelLiveSession.h"
+
+namespace zellive::test {
+
+using namespace std::chrono_literals;
+
+/// What a publisher has told, a letter each, in order: statuses 1 to 5 as C (connecting), K (connected), S (stopped),
+/// E (error), R (reconnecting); X for error 205, N for error 203; U for a URL that is asked for.
+class Story {
+ public:
+  void note(char letter) {
+    const std::lock_guard lock(mutex_);
+    letters_ += letter;
+    changed_.notify_all();
+  }
+  [[nodiscard]] std::string letters() const {
+    const std::lock_guard lock(mutex_);
+    return letters_;
+  }
+  [[nodiscard]] std::ptrdiff_t count(char letter) const { return std::ranges::count(letters(), letter); }
+  /// False when it is not told so often within a time that no fault takes.
+  [[nodiscard]] bool waitFor(char letter, std::ptrdiff_t times = 1) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] { return std::ranges::count(letters_, letter) >= times; });
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string letters_;
+};
+
+/// A session for pushed sound and small pictures which writes its story down, and whose publisher reports an error at
+/// its second attempt.
+class Broadcast : public ZelLiveSession {
+ public:
+  static constexpr int width = 160;
+  static constexpr int height = 90;
+  static constexpr int reconnectCount = 2;
+
+  static std::shared_ptr<Broadcast> start(const std::shared_ptr<const Platform>& platform, const std::string& url,
+                                          const RtmpOptions& limits) {
+    const auto video = ZelLiveVideoConfiguration::defaultConfiguration();
+    video->setVideoSize({width, height});
+    video->setVideoFrameRate(24);
+    video->setVideoMaxKeyFrameInterval(24);
+    video->setVideoBitRate(800'000);
+    const std::shared_ptr<Broadcast> session(
+        new Broadcast(ZelLiveAudioConfiguration::defaultConfiguration(), video, platform, limits));
+    session->observeApplication();
+    session->setInputVideoFrameRate(24);
+    session->setVideoEncoderOptions({"libx264", "ultrafast"});
+    const auto info = std::make_shared<ZelLiveStreamInfo>();
+    info->setUrl(url);
+    session->startLive(info);
+    return session;
+  }
+
+  void socketStatus(ZelStreamRtmpSocket& socket, std::uint64_t status) override {
+    story->note(" CKSER"[status]);
+    ZelLiveSession::socketStatus(socket, status);
+  }
+  void socketDidErrorCode(ZelStreamRtmpSocket& socket, std::uint64_t code) override {
+    story->note(code == ZelStreamSocketErrorReconnectExhausted ? 'X' : 'N');
+    ZelLiveSession::socketDidErrorCode(socket, code);
+  }
+  void socketRequestNewUrl(ZelStreamRtmpSocket& socket) override {
+    story->note('U');
+    ZelLiveSession::socketRequestNewUrl(socket);
+  }
+
+  const std::shared_ptr<Story> story = std::make_shared<Story>();
+  const std::shared_ptr<Tap> tap = std::make_shared<Tap>();
+  /// Frames that the publisher holds.
+  const std::shared_ptr<std::atomic<int>> queued = std::make_shared<std::atomic<int>>(0);
+
+ protected:
+  std::shared_ptr<ZelStreamRtmpSocket> makeSocket(std::shared_ptr<ZelLiveStreamInfo> info) override {
+    return ZelStreamRtmpSocket::create(std::move(info), 1, reconnectCount, platform_, Tap::factory(tap, limits_));
+  }
+  void pushSendBuffer(std::shared_ptr<const ZelFrame> frame) override {
+    ++*queued;
+    const auto* raw = frame.get();
+    ZelLiveSession::pushSendBuffer({raw, [kept = std::move(frame), count = queued](const ZelFrame*) mutable {
+                                      kept.reset();
+                                      --*count;
+                                    }});
+  }
+
+ private:
+  Broadcast(AudioConfiguration audio, VideoConfiguration video, const std::shared_ptr<const Platform>& platform,
+            const RtmpOptions& limits)
+      : ZelLiveSession(std::move(audio), std::move(video), ZelLiveInputAudio | ZelLiveInputVideo, platform),
+        platform_(platform),
+        limits_(limits) {}
+
+  const std::shared_ptr<const Platform> platform_;
+  const RtmpOptions limits_;
+};
+
+/// Pushes a tone and noise to sessions in real time, a unit of 1024 samples a beat and a picture every other.
+class Feed {
+ public:
+  Feed() {
+    for (int index = 0; index < 8; ++index) {
+      auto picture = PixelBuffer::create(PixelFormat::Planar, Broadcast::width, Broadcast::height);
+      std::minstd_rand random(static_cast<unsigned>(index) + 1);
+      for (std::size_t at = 0; at < picture->planeCount(); ++at) {
+        const auto& plane = picture->plane(at);
+        std::generate_n(plane.base, plane.bytesPerRow * plane.height,
+                        [&] { return static_cast<std::uint8_t>(at == 0 ? 64 + random() % 128 : 128); });
+      }
+      pictures_.push_back(std::move(picture));
+    }
+    for (int at = 0; at < 1024; ++at) {
+      const auto sample = static_cast<std::int16_t>(at % 64 < 32 ? 4000 : -4000);
+      tone_.push_back(static_cast<std::uint8_t>(sample & 0xFF));
+      tone_.push_back(static_cast<std::uint8_t>(sample >> 8 & 0xFF));
+    }
+    thread_ = std::thread([this] { run(); });
+  }
+  ~Feed() {
+    stop_ = true;
+    thread_.join();
+  }
+  Feed(const Feed&) = delete;
+  Feed& operator=(const Feed&) = delete;
+
+  void setSessions(std::vector<std::shared_ptr<Broadcast>> sessions) {
+    const std::lock_guard lock(mutex_);
+    sessions_ = std::move(sessions);
+  }
+  void waitBeats(int count) {
+    std::unique_lock lock(mutex_);
+    beat_.wait(lock, [this, until = beats_ + count] { return beats_ >= until; });
+  }
+
+ private:
+  void run() {
+    constexpr std::chrono::nanoseconds beat{1'000'000'000LL * 1024 / 48000};
+    auto due = std::chrono::steady_clock::now();
+    while (!stop_) {
+      // A machine that stood still for a while does not get it all at once.
+      due = std::max(due + beat, std::chrono::steady_clock::now() - beat);
+      std::this_thread::sleep_until(due);
+      const std::lock_guard lock(mutex_);
+      ++beats_;
+      for (const auto& session : sessions_) {
+        session->pushAudio(tone_);
+        if (beats_ % 2 == 0) {
+          session->pushVideo(pictures_[static_cast<std::size_t>(beats_ / 2) % pictures_.size()]);
+        }
+      }
+      beat_.notify_all();
+    }
+  }
+
+  std::vector<std::shared_ptr<PixelBuffer>> pictures_;
+  std::vector<std::uint8_t> tone_;
+  std::mutex mutex_;
+  std::condition_variable beat_;
+  std::vector<std::shared_ptr<Broadcast>> sessions_;
+  int beats_ = 0;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+}  // namespace zellive::test
