@@ -81,23 +81,16 @@ TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
 }
 
 TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
-  struct Case {
-    std::vector<std::string> arguments;
-    int status;
-    const char* told;
-  };
-  const Case cases[] = {
-      {{"--input", "/nonexistent/clip.mp4"}, 1, "No such file"},
-      {{"--input", clip, "--size", "640x480"}, 2, "would fit"},
-      {{}, 2, "--input"},
-  };
-  for (const auto& [arguments, status, told] : cases) {
-    const auto run = runProgram(toolCommand(local(9), arguments));
+  const auto expectMistake = [](std::vector<std::string> arguments, int status, const char* told) {
+    const auto run = runProgram(toolCommand(local(9), std::move(arguments)));
     EXPECT_EQ(run.status, status) << run.errors;
     EXPECT_NE(run.errors.find(told), std::string::npos) << run.errors;
     EXPECT_EQ(run.errors.find('\n'), run.errors.size() - 1) << run.errors;
     expectNoKey(run.output + run.errors);
-  }
+  };
+  expectMistake({"--input", "/nonexistent/clip.mp4"}, 1, "No such file");
+  expectMistake({"--input", clip, "--size", "640x480"}, 2, "would fit");
+  expectMistake({}, 2, "--input");
 }
 
 }  // namespace

@@ -31,9 +31,9 @@ std::string counted(const std::string& text) {
 }
 
 /// {"level": …, "code": …, "description": …}
-std::string information(const std::string& level, const std::string& code) {
+std::string information(const char* level, const char* code, const std::string& description) {
   const auto member = [](const char* key, const std::string& value) { return counted(key) + '\2' + counted(value); };
-  return '\3' + member("level", level) + member("code", code) + member("description", "by the test") +
+  return '\3' + member("level", level) + member("code", code) + member("description", description) +
          std::string("\0\0\x09", 3);
 }
 
@@ -176,8 +176,8 @@ void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
     }
     writeCommand(3, 0,
                  fault == WireFault::RefuseConnect
-                     ? reply("_error") + information("error", "NetConnection.Connect.Rejected")
-                     : reply("_result") + information("status", "NetConnection.Connect.Success"));
+                     ? reply("_error") + information("error", "NetConnection.Connect.Rejected", "by the test")
+                     : reply("_result") + information("status", "NetConnection.Connect.Success", "by the test"));
     if (fault == WireFault::ResetAfterConnect) {
       reset();
     }
@@ -186,10 +186,12 @@ void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
   } else if (name == "createStream" && fault != WireFault::SilentAfterConnect) {
     writeCommand(3, 0, reply("_result") + std::string("\0\x3F\xF0\0\0\0\0\0\0", 9));  // Stream 1.
   } else if (name == "publish") {
-    writeCommand(
-        5, 1,
-        reply("onStatus") + (fault == WireFault::RefusePublish ? information("error", "NetStream.Publish.BadName")
-                                                               : information("status", "NetStream.Publish.Start")));
+    const auto stream = message.body.begin() + 23;  // Its name, behind a null and the name's length.
+    writeCommand(5, 1,
+                 reply("onStatus") + (fault == WireFault::RefusePublish
+                                          ? information("error", "NetStream.Publish.BadName",
+                                                        std::string(stream, stream + stream[-1]) + " is taken")
+                                          : information("status", "NetStream.Publish.Start", "by the test")));
   }
 }
 

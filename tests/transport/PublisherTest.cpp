@@ -37,7 +37,7 @@ class Publisher : public ::testing::Test {
     reports = std::make_shared<Reports>();
     socket = ZelStreamRtmpSocket::create(info, interval, count, manual.platform(), rtmp.factory());
     socket->setDelegate(reports);
-    send({5, audio(1'000'000'000)});
+    send({5, audio(~0ULL)});
   }
   void connect() {
     make();
@@ -158,6 +158,7 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
     EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 2"}));
     breakConnection();
     breakConnection();
+    breakConnection();
     rtmp.breakConnection({0, "no failure"});
     auto fresh = streamAt("rtmp://other/live/key");
     fresh->streamId = "ignored";
@@ -168,7 +169,7 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
     EXPECT_EQ(rtmp.closed, 5);
     EXPECT_EQ(log.count(LogLevel::Error, std::string("Live: ") + step + "() failed"), 4U);
   }
-  EXPECT_EQ(log.count(LogLevel::Error, "Live: RTMP connect error -8 message gone"), 6U);
+  EXPECT_EQ(log.count(LogLevel::Error, "Live: RTMP connect error -8 message gone"), 9U);
   EXPECT_EQ(info->streamId, "stream-7");
 }
 
@@ -189,7 +190,7 @@ TEST_F(Publisher, ANewConnectionBeginsWithNewHeaders) {
   connect();
   send({video(1), audio(2), video(3)});
   rtmp.sendResult = 0;
-  send({video(4), video(5), audio(6), video(7)});
+  send({video(4), video(5), audio(6), video((1ULL << 33) + (1 << 25))});
   EXPECT_EQ(log.count(LogLevel::Error, "Live: send packet error: 0"), 1U) << "the frames behind it wait";
   EXPECT_EQ(eventsAfter(5s), (Events{"url", "status 5", "status 2", "url"}));
   EXPECT_EQ(log.count("Live: send packet error"), 1U) << "it broke again at once, which costs no frame";
@@ -200,18 +201,15 @@ TEST_F(Publisher, ANewConnectionBeginsWithNewHeaders) {
   EXPECT_EQ(rtmp.sent[0].type, 0x12);
   EXPECT_EQ(rtmp.sent[1].body[1], 0) << "AVC header, of the frame at 5";
   EXPECT_EQ(rtmp.sent[2].body[1], 0) << "AAC header";
-  EXPECT_EQ(rtmp.sent[3].timestamp, 7U);
+  EXPECT_EQ(rtmp.sent[3].timestamp, 1U << 25) << "modulo 2^32";
 }
 
-TEST_F(Publisher, FollowsTheNetwork) {
+TEST_F(Publisher, KeepsFramesWhileTheNetworkIsOut) {
   make();
   network(ReachabilityStatus::ReachableViaWWAN);
   EXPECT_EQ(eventsAfter(10s), Events{}) << "nothing was started";
   socket->start();
   eventsAfter(0s);
-  network(ReachabilityStatus::ReachableViaWiFi);
-  EXPECT_EQ(eventsAfter(10s), (Events{"url", "status 5", "status 2"})) << "even a healthy connection is made anew";
-  EXPECT_EQ(rtmp.closed, 1);
   network(ReachabilityStatus::NotReachable);
   EXPECT_EQ(std::exchange(reports->events, {}), (Events{"error 203"})) << "at once, on the posting thread";
   send({video(1), video(2)});
@@ -222,7 +220,6 @@ TEST_F(Publisher, FollowsTheNetwork) {
   network(ReachabilityStatus::ReachableViaWWAN);
   EXPECT_EQ(eventsAfter(5s), (Events{"url", "status 5", "status 2"}));
   EXPECT_EQ(rtmp.media().size(), 2U);
-  EXPECT_EQ(log.count("Live: net reachabilityChange 2"), 2U);
 }
 
 TEST_F(Publisher, CountsWhatItSendsAndDrops) {

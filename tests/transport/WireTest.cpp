@@ -316,7 +316,9 @@ TEST(Wire, KeepsTheStreamsKeyOutOfTheLog) {
   ZelStreamRtmpSocket::setLogLevel(6);
   for (const auto fault : {WireFault::None, WireFault::RefusePublish, WireFault::CloseAfterConnect}) {
     const WireServer server(fault);
-    EXPECT_EQ(Connection(server.url("s3cr3t-k3y?token=t0k3n")).open, fault == WireFault::None);
+    const Connection connection(server.url("s3cr3t-k3y?token=t0k3n"));
+    EXPECT_EQ(connection.open, fault == WireFault::None);
+    EXPECT_EQ(connection.error.message.find("s3cr3t"), std::string::npos) << "where the server repeats it";
   }
   ZelStreamRtmpSocket::setLogLevel(1);
   EXPECT_GT(log.count("Live: librtmp: "), 10U);
