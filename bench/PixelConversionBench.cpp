@@ -38,7 +38,7 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
 }
 
 PictureConverter::Target target(Shape shape, AVPixelFormat layout, bool fullRange = false) {
-  return {shape.width, shape.height, shape.width, shape.height, layout, fullRange};
+  return {shape.width, shape.height, shape.width, shape.height, layout, {fullRange, ColorMatrix::Unspecified}};
 }
 
 /// To the layout that libx264 takes for any picture.

@@ -130,6 +130,7 @@ TEST(FfmpegVideoCompression, EveryFormatGivesTheRightPicture) {
     int width, height;  ///< Of the pictures.
     ColorMatrix matrix = Unspecified;
     AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
+    ColorMatrix secondMatrix = matrix;
     int codedWidth = 320, codedHeight = 180;
   } cases[] = {
       {Planar, BiPlanarFullRange, 320, 180},
@@ -139,17 +140,18 @@ TEST(FfmpegVideoCompression, EveryFormatGivesTheRightPicture) {
       {BiPlanarFullRange, BiPlanarVideoRange, 320, 180},
       {BiPlanarFullRange, BGRA, 320, 180},
       {BGRA, BiPlanarVideoRange, 161, 91, Unspecified, AVCOL_SPC_SMPTE170M},
+      {Planar, BGRA, 320, 180, BT709, AVCOL_SPC_BT709, BT601},
+      {BGRA, Planar, 320, 180, Unspecified, AVCOL_SPC_SMPTE170M, BT709},
+      {BiPlanarFullRange, BiPlanarVideoRange, 320, 180, BT709, AVCOL_SPC_BT709, BT601},
       // Odd sizes lose their last column and row: a scaled picture would be off towards the edges.
-      {BGRA, Planar, 17, 19, Unspecified, AVCOL_SPC_SMPTE170M, 17, 19},
-      {BiPlanarVideoRange, BiPlanarVideoRange, 17, 19, BT709, AVCOL_SPC_BT709, 17, 19},
+      {BGRA, Planar, 17, 19, Unspecified, AVCOL_SPC_SMPTE170M, Unspecified, 17, 19},
+      {BiPlanarVideoRange, BiPlanarVideoRange, 17, 19, BT709, AVCOL_SPC_BT709, BT709, 17, 19},
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(&test - cases);
     Recorder recorder(settingsFor(test.codedWidth, test.codedHeight, 8'000'000));
-    for (const PixelFormat format : {test.first, test.second}) {
-      const auto picture = colourScene(format, test.width, test.height);
-      picture->setColorMatrix(test.matrix);
-      ASSERT_EQ(recorder.encode(picture, {.forceKeyFrame = true}), 0);
+    for (const auto& [format, matrix] : {std::pair{test.first, test.matrix}, {test.second, test.secondMatrix}}) {
+      ASSERT_EQ(recorder.encode(colourScene(format, test.width, test.height, matrix), {.forceKeyFrame = true}), 0);
       const VideoSample& sample = recorder.samples.back();
       const auto frame = test::Decoder::h264(sample).decode(sample.data);
       ASSERT_TRUE(frame && frame->width == (test.codedWidth & ~1) && frame->height == (test.codedHeight & ~1));

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "tests/support/ColourScene.h"
 #include "zellive/platform/VideoCompressionSession.h"
 #include "zellive/platform/linux/FfmpegSupport.h"
 
@@ -25,49 +26,12 @@ inline std::vector<std::span<const std::uint8_t>> nalUnits(std::span<const std::
   return units;
 }
 
-/// A still scene of smooth colours by the formulas of ITU-R BT.601: Y, Cb or Cr at a sample of a plane, or B, G, R, A.
-inline double sceneAt(PixelFormat format, int component, int column, int row, int width, int height) {
-  const double step = component == 0 || format == PixelFormat::BGRA ? 1 : 2;
-  const double x = (column + 0.5) * step / width;
-  const double y = (row + 0.5) * step / height;
-  const double colours[] = {0.95 - 0.8 * x * y, 0.05 + 0.9 * y, 0.05 + 0.9 * x, 1};
-  if (format == PixelFormat::BGRA) {
-    return 255 * colours[component];
-  }
-  const auto& [blue, green, red, alpha] = colours;
-  const bool full = format == PixelFormat::BiPlanarFullRange;
-  const double luma = 0.299 * red + 0.587 * green + 0.114 * blue;
-  const double chroma = component == 1 ? (blue - luma) / 1.772 : (red - luma) / 1.402;
-  return component == 0 ? (full ? 255 * luma : 16 + 219 * luma) : 128 + (full ? 255 : 224) * chroma;
-}
-
-std::shared_ptr<PixelBuffer> draw(PixelFormat format, int width, int height, const auto& valueAt) {
-  auto picture = PixelBuffer::create(format, static_cast<std::size_t>(width), static_cast<std::size_t>(height));
-  for (std::size_t index = 0; index < picture->planeCount(); ++index) {
-    const auto& plane = picture->plane(index);
-    const int samples = format == PixelFormat::BGRA ? 4 : format != PixelFormat::Planar && index == 1 ? 2 : 1;
-    for (int row = 0; row < static_cast<int>(plane.height); ++row) {
-      auto* bytes = plane.base + static_cast<std::size_t>(row) * plane.bytesPerRow;
-      for (int at = 0; at < static_cast<int>(plane.width) * samples; ++at) {
-        const double value = valueAt(static_cast<int>(index) + at % samples, at / samples, row);
-        bytes[at] = static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0, 255.0)));
-      }
-    }
-  }
-  return picture;
-}
-
-inline std::shared_ptr<PixelBuffer> colourScene(PixelFormat format, int width, int height) {
-  return draw(format, width, height, [&](int component, int column, int row) {
-    return sceneAt(format, component, column, row, width, height);
-  });
-}
-
 /// How far a decoded picture is from the colour scene drawn at `width` × `height`: the mean difference of its worst
 /// component in steps of 8 bits.
 inline double differenceFromScene(const AVFrame& frame, int width, int height) {
   const bool full = frame.color_range == AVCOL_RANGE_JPEG;
   const auto format = full ? PixelFormat::BiPlanarFullRange : PixelFormat::BiPlanarVideoRange;
+  const auto matrix = frame.colorspace == AVCOL_SPC_BT709 ? ColorMatrix::BT709 : ColorMatrix::BT601;
   double worst = 0;
   for (const int component : {0, 1, 2}) {
     const int columns = frame.width / (component == 0 ? 1 : 2);
@@ -75,7 +39,8 @@ inline double differenceFromScene(const AVFrame& frame, int width, int height) {
     double sum = 0;
     for (int at = 0; at < columns * rows; ++at) {
       const auto* bytes = frame.data[component] + at / columns * frame.linesize[component];
-      sum += std::abs(sceneAt(format, component, at % columns, at / columns, width, height) - bytes[at % columns]);
+      sum +=
+          std::abs(sceneAt(format, matrix, component, at % columns, at / columns, width, height) - bytes[at % columns]);
     }
     worst = std::max(worst, sum / (columns * rows));
   }
@@ -85,10 +50,11 @@ inline double differenceFromScene(const AVFrame& frame, int width, int height) {
 /// Picture `index` of a restless scene, costly at any bit rate.
 inline std::shared_ptr<PixelBuffer> restlessScene(int width, int height, int index) {
   std::mt19937 random(static_cast<unsigned>(index));
-  return draw(PixelFormat::Planar, width, height, [&](int component, int column, int row) {
-    const int square = ((column + index * 5) / 8 + row / 8) % 5;
-    return component == 0 ? 60.0 + square * 30 + static_cast<double>(random() % 40) : 128.0;
-  });
+  return draw(PixelFormat::Planar, static_cast<std::size_t>(width), static_cast<std::size_t>(height),
+              [&](int component, int column, int row) {
+                const int square = ((column + index * 5) / 8 + row / 8) % 5;
+                return component == 0 ? 60.0 + square * 30 + static_cast<double>(random() % 40) : 128.0;
+              });
 }
 
 /// Decodes packet by packet, as a strict viewer would.

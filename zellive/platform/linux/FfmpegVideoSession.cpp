@@ -91,8 +91,8 @@ int FfmpegVideoSession::open() {
   }
   assembler_.emplace(kind_.framing);
   assembler_->readExtradata({context_->extradata, static_cast<std::size_t>(context_->extradata_size)});
-  converter_.emplace(PictureConverter::Target{setup_.width, setup_.height, statedWidth_, statedHeight_, setup_.layout,
-                                              setup_.colour.fullRange});
+  converter_.emplace(
+      PictureConverter::Target{setup_.width, setup_.height, statedWidth_, statedHeight_, setup_.layout, setup_.colour});
   return 0;
 }
 

@@ -3,56 +3,14 @@
 #include <libyuv.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <limits>
+
+#include "zellive/platform/linux/ColourChange.h"
 
 namespace zellive {
 namespace {
 
 constexpr std::size_t kLargestSide = 16384;
-
-/// A value for each value of a sample.
-using RangeTable = std::array<std::uint8_t, 256>;
-
-constexpr int clampByte(int value) { return std::clamp(value, 0, 255); }
-
-/// Rounded value × numerator / denominator for values of either sign.
-constexpr int scaleRounded(int value, int numerator, int denominator) {
-  const int product = value * numerator * 2;
-  return (product + (product >= 0 ? denominator : -denominator)) / (denominator * 2);
-}
-
-/// ITU-T H.273: luma 16…235 and chroma 128 ± 112 against 0…255 and 128 ± 127.5.
-constexpr RangeTable makeTable(bool toFull, bool chroma) {
-  RangeTable table{};
-  for (int value = 0; value < 256; ++value) {
-    const int zero = chroma ? 128 : 16;
-    const int span = chroma ? 224 : 219;
-    const int fullZero = chroma ? 128 : 0;
-    table[static_cast<std::size_t>(value)] = static_cast<std::uint8_t>(clampByte(
-        toFull ? scaleRounded(value - zero, 255, span) + fullZero : scaleRounded(value - fullZero, span, 255) + zero));
-  }
-  return table;
-}
-constexpr RangeTable kLumaToFull = makeTable(true, false);
-constexpr RangeTable kLumaToVideo = makeTable(false, false);
-constexpr RangeTable kChromaToFull = makeTable(true, true);
-constexpr RangeTable kChromaToVideo = makeTable(false, true);
-
-void mapPlane(std::uint8_t* base, int bytesPerRow, int width, int height, const RangeTable& table) {
-  for (int row = 0; row < height; ++row) {
-    std::uint8_t* bytes = base + static_cast<std::ptrdiff_t>(row) * bytesPerRow;
-    std::transform(bytes, bytes + width, bytes, [&table](std::uint8_t value) { return table[value]; });
-  }
-}
-
-void changeRange(AVFrame& frame, bool toFull) {
-  mapPlane(frame.data[0], frame.linesize[0], frame.width, frame.height, toFull ? kLumaToFull : kLumaToVideo);
-  for (int plane : {1, 2}) {
-    mapPlane(frame.data[plane], frame.linesize[plane], (frame.width + 1) / 2, (frame.height + 1) / 2,
-             toFull ? kChromaToFull : kChromaToVideo);
-  }
-}
 
 int stride(const PixelBuffer::Plane& plane) { return static_cast<int>(plane.bytesPerRow); }
 
@@ -117,13 +75,19 @@ AVFrame* PictureConverter::convert(const std::shared_ptr<PixelBuffer>& picture) 
   const bool scales = (width != target_.width || height != target_.height) &&
                       (width != target_.croppedWidth || height != target_.croppedHeight);
   const bool rgb = picture->format() == PixelFormat::BGRA;
-  const bool sameRange = rgb || colourOf(*picture).fullRange == target_.fullRange;
-  if (!scales && !rgb && sameRange && nearestLayout(picture->format()) == target_.layout) {
+  const auto colour = colourOf(*picture);
+  const bool sameRange = rgb || colour.fullRange == target_.colour.fullRange;
+  const bool sameMatrix = colour.matrix == target_.colour.matrix || colour.matrix == ColorMatrix::Unspecified ||
+                          target_.colour.matrix == ColorMatrix::Unspecified;
+  if (!scales && !rgb && sameRange && sameMatrix && nearestLayout(picture->format()) == target_.layout) {
     return wrap(picture);
   }
   AVFrame* frame = planar(*picture, scales);
   if (frame != nullptr && !sameRange) {
-    changeRange(*frame, target_.fullRange);
+    changeRange(*frame, target_.colour.fullRange);
+  }
+  if (frame != nullptr && !sameMatrix) {
+    changeMatrix(*frame, target_.colour.fullRange, target_.colour.matrix == ColorMatrix::BT709);
   }
   return frame != nullptr && target_.layout == AV_PIX_FMT_NV12 ? interleave(*frame) : frame;
 }
@@ -184,7 +148,7 @@ AVFrame* PictureConverter::planar(const PixelBuffer& picture, bool scales) {
     return nullptr;
   }
   if (!scales) {
-    toPlanar(picture, *planar_, target_.fullRange);
+    toPlanar(picture, *planar_, target_.colour.fullRange);
     return planar_.get();
   }
   if (!reuse(unscaled_, static_cast<int>(picture.width()), static_cast<int>(picture.height()), AV_PIX_FMT_YUV420P)) {
@@ -192,7 +156,7 @@ AVFrame* PictureConverter::planar(const PixelBuffer& picture, bool scales) {
   }
   const AVFrame& from = *unscaled_;
   const AVFrame& to = *planar_;
-  toPlanar(picture, *unscaled_, target_.fullRange);
+  toPlanar(picture, *unscaled_, target_.colour.fullRange);
   const int status =
       libyuv::I420Scale(from.data[0], from.linesize[0], from.data[1], from.linesize[1], from.data[2], from.linesize[2],
                         from.width, from.height, to.data[0], to.linesize[0], to.data[1], to.linesize[1], to.data[2],

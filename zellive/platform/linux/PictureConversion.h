@@ -31,13 +31,13 @@ class PictureConverter {
     int croppedWidth = 0;
     int croppedHeight = 0;
     AVPixelFormat layout = AV_PIX_FMT_YUV420P;  ///< Or AV_PIX_FMT_NV12.
-    bool fullRange = false;
+    PictureColour colour{};
   };
   explicit PictureConverter(const Target& target) : target_(target) {}
 
   /// The picture in the target's shape: the picture's own memory where nothing is to be done, else memory of the
   /// converter's, which it uses again once nobody else refers to it. Valid until the next call. Null when memory is
-  /// short. Matrices are not converted into each other.
+  /// short. A matrix that is unspecified, here or there, counts as the other.
   [[nodiscard]] AVFrame* convert(const std::shared_ptr<PixelBuffer>& picture);
 
   /// Drops the reference to the last picture's memory.
