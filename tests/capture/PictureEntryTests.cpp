@@ -4,45 +4,10 @@
 #include <array>
 #include <vector>
 
-#include "tests/support/ManualPlatform.h"
-#include "zellive/capture/ZelLivePixelBufferFitSizeFilter.h"
 #include "zellive/capture/ZelLiveTool.h"
 
 namespace zellive::test {
 namespace {
-
-struct Receiver : ZelLivePixelBufferFitSizeDelegate {
-  void filterPixelBuffer(ZelLivePixelBufferFitSizeFilter&, std::shared_ptr<PixelBuffer> pixelBuffer,
-                         double timeStamp) override {
-    received = std::move(pixelBuffer);
-    stamp = timeStamp;
-  }
-  std::shared_ptr<PixelBuffer> received;
-  double stamp = 0;
-};
-
-TEST(FitSizeFilter, ShapesEqualToTwoDecimalsPassUnchanged) {
-  const struct {
-    Size output;
-    std::size_t width, height;
-    bool passes;
-  } cases[] = {
-      {{1920, 1080}, 1280, 720, true}, {{1280, 720}, 854, 480, true}, {{720, 1280}, 1280, 720, false},
-      {{1280, 720}, 1276, 720, false}, {{0, 0}, 640, 480, false},     {{640, 0}, 640, 480, false},
-  };
-  for (const auto& [output, width, height, passes] : cases) {
-    auto receiver = std::make_shared<Receiver>();
-    ZelLivePixelBufferFitSizeFilter filter(output);
-    filter.setDelegate(receiver);
-    const auto picture = PixelBuffer::create(PixelFormat::BiPlanarFullRange, width, height);
-    filter.renderPixelBuffer(picture, 12.5);
-    filter.renderPixelBuffer(picture, 13.5);
-    EXPECT_EQ(receiver->received, passes ? picture : nullptr) << width << " x " << height;
-    EXPECT_EQ(receiver->stamp, passes ? 13.5 : 0.0);
-    receiver.reset();
-    filter.renderPixelBuffer(picture, 14.5);
-  }
-}
 
 /// A picture in foreign memory, whose rows are as long as the test says and which ends with its last sample.
 struct ForeignPicture {

@@ -23,6 +23,7 @@ struct FakeCompression : VideoCompressionService {
       const bool key = properties.forceKeyFrame;
       fake.trace += !key ? 'p' : properties.leadingSei ? 'S' : 'K';
       fake.lastTime = presentationTime;
+      fake.onPicture(picture);
       if (real) {
         return fake.trace.size() % 20 == 0 ? -12902
                                            : real->encodeFrame(picture, presentationTime, properties, reference);
@@ -65,6 +66,7 @@ struct FakeCompression : VideoCompressionService {
   int encodeStatus = 0;
   const VideoSample* sample = nullptr;
   std::function<void()> onMaking = [] {};
+  std::function<void(const std::shared_ptr<PixelBuffer>&)> onPicture = [](const auto&) {};
   VideoCompressionSettings asked;
   VideoCompressionSession::OutputHandler output;  ///< Of the latest session.
   std::string trace;                              ///< A letter for each submission: plain, key, key led by an SEI.

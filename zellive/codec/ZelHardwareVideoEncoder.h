@@ -50,6 +50,8 @@ class ZelHardwareVideoEncoder : public std::enable_shared_from_this<ZelHardwareV
 
   /// The time stamp of the oldest picture that was taken and has not come out yet.
   [[nodiscard]] std::optional<std::uint64_t> oldestPicture() const;
+  /// Pictures ignored because too many were waiting.
+  [[nodiscard]] std::uint64_t droppedPictures() const noexcept { return dropped_; }
 
   /// Bits per second, for the pictures that follow; ignored in the background.
   void setVideoBitRate(std::int64_t bitRate);

@@ -24,7 +24,7 @@ class FrameOrder {
   using Frame = std::shared_ptr<const ZelFrame>;
   static constexpr std::uint64_t none = std::numeric_limits<std::uint64_t>::max();
 
-  /// While it lives, something with this time stamp is on its way to an encoder, or in it.
+  /// While it lives, something with this time stamp is on its way to a stage that tells of it, or in it.
   class Making {
    public:
     Making(FrameOrder& order, ZelFrameKind kind, double timestamp)
@@ -56,7 +56,7 @@ class FrameOrder {
   }
 
   /// Sends what may go, in order, without a lock held; a thread that finds another one at it leaves it to that one.
-  /// `oldestPicture` tells the time stamp of the oldest picture that an encoder holds, or `none`.
+  /// `oldestPicture` tells the time stamp of the oldest picture that a stage holds, or `none`.
   void drain(const auto& oldestPicture, const auto& send) {
     std::unique_lock lock(mutex_);
     if (draining_) {
@@ -82,7 +82,7 @@ class FrameOrder {
     if (held.empty()) {
       return nullptr;
     }
-    // Looked at before the encoder is asked, because that is the way a picture goes.
+    // Looked at before the stages are asked, because that is the way a picture goes.
     std::uint64_t due = oldest(pictures_);
     due = std::min(due, oldestPicture());
     if (!sound && !sounds_.empty()) {

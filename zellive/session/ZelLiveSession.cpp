@@ -303,6 +303,11 @@ std::shared_ptr<ZelHardwareVideoEncoder> ZelLiveSession::existingVideoEncoder() 
   return stages_.videoEncoder;
 }
 
+std::shared_ptr<ZelLivePixelBufferFitSizeFilter> ZelLiveSession::existingFilter() const {
+  const std::lock_guard lock(stagesLock_);
+  return stages_.pbFilter;
+}
+
 std::shared_ptr<ZelLiveAudioPool> ZelLiveSession::audioPool() {
   return stage(&Stages::audioPool, [this] {
     auto pool = ZelLiveAudioPool::create();
@@ -317,7 +322,7 @@ std::shared_ptr<ZelLivePixelBufferFitSizeFilter> ZelLiveSession::pbFilter() {
     if (!configuration) {
       return nullptr;
     }
-    auto filter = std::make_shared<ZelLivePixelBufferFitSizeFilter>(configuration->videoSize());
+    auto filter = ZelLivePixelBufferFitSizeFilter::create(configuration->videoSize(), platform_);
     filter->setDelegate(weak_from_this());
     return filter;
   });
@@ -535,6 +540,12 @@ void ZelLiveSession::setVideoEncoderOptions(VideoEncoderOptions options) {
 VideoEncoderOptions ZelLiveSession::videoEncoderOptions() const {
   const std::lock_guard lock(stagesLock_);
   return videoEncoderOptions_;
+}
+
+std::uint64_t ZelLiveSession::droppedPictures() const {
+  const auto filter = existingFilter();
+  const auto encoder = existingVideoEncoder();
+  return (filter ? filter->droppedPictures() : 0) + (encoder ? encoder->droppedPictures() : 0);
 }
 
 std::uint64_t ZelLiveSession::videoBitRate() const {

@@ -89,10 +89,10 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   /// the stream's clock by its duration and is encoded before this returns. Ignored unless the type has
   /// ZelLiveInputAudio, the stream is up and audio is not turned off. One thread at a time for sensible sound.
   void pushAudio(std::span<const std::uint8_t> data);
-  /// A picture, stamped with the stream's clock: push the audio that goes with a picture first. Copied where it must be
-  /// (a planar picture from a pool of ours is shared, not copied: do not change it afterwards). Ignored unless the type
-  /// has ZelLiveInputVideo and the stream is up. Pictures above the configured frame rate are thinned by the whole
-  /// ratio inputVideoFrameRate / videoFrameRate.
+  /// A picture of any size, stamped with the stream's clock: push the audio that goes with a picture first. One of
+  /// another shape than the stream's gets black bars. Copied where it must be (a planar picture from a pool of ours is
+  /// shared, not copied: do not change it afterwards). Ignored unless the type has ZelLiveInputVideo and the stream is
+  /// up. Pictures above the configured frame rate are thinned by the whole ratio inputVideoFrameRate / videoFrameRate.
   void pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer);
   /// Replaces pushed audio by silence, and back; also before the stream is up.
   void turnOffAudio(bool off);
@@ -144,6 +144,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void setVideoEncoderOptions(VideoEncoderOptions options);
   /// Bits per second that the video encoder is set to at present; 0 while there is none.
   [[nodiscard]] std::uint64_t videoBitRate() const;
+  /// Pictures of this stream that were lost because the renderer or the encoder was too slow; 0 once it has ended.
+  [[nodiscard]] std::uint64_t droppedPictures() const;
   /// Calls `handler` with user information "new" after each change of "running" or "captureDevicePosition", on the
   /// thread that makes the change.
   [[nodiscard]] NotificationCenter::Observation observe(std::string_view keyPath, NotificationCenter::Handler handler);
@@ -163,6 +165,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   void processedAudioData(ZelLiveAudioPool& pool, std::span<const std::uint8_t> audioData, double timeStamp) override;
   void filterPixelBuffer(ZelLivePixelBufferFitSizeFilter& filter, std::shared_ptr<PixelBuffer> pixelBuffer,
                          double timeStamp) override;
+  void filterDidFinishPicture(ZelLivePixelBufferFitSizeFilter& filter) override;
   void audioCaptureOutputAudioData(ZelLiveAudioCapture* output, std::span<const std::uint8_t> audioData) override;
   void videoCaptureOutputPixelBuffer(ZelLiveVideoCapture* output, std::shared_ptr<PixelBuffer> pixelBuffer) override;
   void replayCaptureOutputAudioData(ZelLiveReplayCapture* output, std::span<const std::uint8_t> audioData) override;
@@ -207,6 +210,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::shared_ptr<ZelHardwareVideoEncoder> existingVideoEncoder() const;
   std::shared_ptr<ZelLiveAudioPool> audioPool();
   std::shared_ptr<ZelLivePixelBufferFitSizeFilter> pbFilter();
+  std::shared_ptr<ZelLivePixelBufferFitSizeFilter> existingFilter() const;
   AudioConfiguration audioConfiguration() const;
   VideoConfiguration videoConfiguration() const;
   void setState(std::uint64_t state);
@@ -227,7 +231,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   double audioRate() const;
   static bool isSampleRate(double rate);
   void renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuffer);
-  void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock);
+  void render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock, bool copies);
   void logPicture(std::int64_t videoSeqId, double clock, double frameRate) const;
   void videoFrameWithoutAlignment();
   void handOff(Frame frame);

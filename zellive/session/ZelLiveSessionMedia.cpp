@@ -1,4 +1,5 @@
 // The road of audio and pictures from the sources through the encoders to the publisher, on one clock.
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -170,7 +171,7 @@ void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
     making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(pushedRate));
-  render(tool_.copyPixelBuffer(pixelBuffer), clock);
+  render(pixelBuffer, clock, true);
   making.reset();
   handOffInOrder();
 }
@@ -196,7 +197,7 @@ void ZelLiveSession::renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuf
     making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(configuration->videoFrameRate()));
-  render(pixelBuffer, clock);
+  render(pixelBuffer, clock, false);
   making.reset();
   handOffInOrder();
 }
@@ -209,9 +210,17 @@ void ZelLiveSession::logPicture(std::int64_t videoSeqId, double clock, double fr
   }
 }
 
-void ZelLiveSession::render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock) {
-  if (auto filter = pbFilter()) {
-    filter->renderPixelBuffer(pixelBuffer, clock);
+/// `copies`: the picture's owner may change it as soon as this returns.
+void ZelLiveSession::render(const std::shared_ptr<PixelBuffer>& pixelBuffer, double clock, bool copies) {
+  const auto filter = pbFilter();
+  if (!filter || !pixelBuffer) {
+    return;
+  }
+  // What has to be drawn and cannot be as it is gets another format here, with the copy if there is to be one.
+  if (!filter->passes(pixelBuffer->width(), pixelBuffer->height()) && !filter->draws(*pixelBuffer)) {
+    filter->renderPixelBuffer(tool_.copyPixelBufferAsBgra(pixelBuffer), clock);
+  } else {
+    filter->renderPixelBuffer(copies ? tool_.copyPixelBuffer(pixelBuffer) : pixelBuffer, clock);
   }
 }
 
@@ -228,6 +237,12 @@ void ZelLiveSession::filterPixelBuffer(ZelLivePixelBufferFitSizeFilter& filter,
   }
   if (auto encoder = videoEncoder()) {
     encoder->encodeVideoData(std::move(pixelBuffer), static_cast<std::uint64_t>(timeStamp));
+  }
+}
+
+void ZelLiveSession::filterDidFinishPicture(ZelLivePixelBufferFitSizeFilter&) {
+  if (uploading_) {
+    handOffInOrder();
   }
 }
 
@@ -297,9 +312,20 @@ void ZelLiveSession::handOff(Frame frame) {
 }
 
 void ZelLiveSession::handOffInOrder() {
-  const auto encoder = existingVideoEncoder();
-  order_.drain([&] { return encoder ? encoder->oldestPicture().value_or(FrameOrder::none) : FrameOrder::none; },
-               [this](Frame frame) { pushSendBuffer(std::move(frame)); });
+  std::shared_ptr<ZelLivePixelBufferFitSizeFilter> filter;
+  std::shared_ptr<ZelHardwareVideoEncoder> encoder;
+  // Asked in the order in which a picture travels, so that none slips by between two answers; the encoder may be made
+  // for a picture that leaves the renderer meanwhile.
+  const auto oldestPicture = [&] {
+    const auto oldest = [](const auto& stage) {
+      return stage ? stage->oldestPicture().value_or(FrameOrder::none) : FrameOrder::none;
+    };
+    filter = filter ? filter : existingFilter();
+    const auto unfitted = oldest(filter);
+    encoder = encoder ? encoder : existingVideoEncoder();
+    return std::min(unfitted, oldest(encoder));
+  };
+  order_.drain(oldestPicture, [this](Frame frame) { pushSendBuffer(std::move(frame)); });
 }
 
 void ZelLiveSession::videoFrameWithoutAlignment() {
