@@ -53,23 +53,6 @@ TEST(Context, ProgramsAreSharedByEqualSourcesUntilReleased) {
   });
 }
 
-TEST(Context, ProgramsOfEndedOwnersGoOnTheQueue) {
-  GLint alive = 0;
-  auto filter = GPUImageFilter::createWithFragmentShader(std::string(kPassThroughFragmentShaderString) + "  ");
-  GLint program = 0;
-  onQueue([&] {
-    GPUImageContext::setActiveShaderProgram(filter->filterProgram());
-    glGetIntegerv(GL_CURRENT_PROGRAM, &program);
-    GPUImageContext::setActiveShaderProgram(nullptr);
-    glUseProgram(0);
-    GPUImageContext::sharedImageProcessingContext().releaseContext();
-  });
-  filter.reset();
-  onQueue([&] { alive = glIsProgram(static_cast<GLuint>(program)); });
-  EXPECT_NE(program, 0);
-  EXPECT_EQ(alive, GL_FALSE);
-}
-
 TEST(Context, SizesKeepTheirShapeWithinTheTextureLimit) {
   const double m = GPUImageContext::maximumTextureSizeForThisDevice();
   ASSERT_GE(m, 2048);

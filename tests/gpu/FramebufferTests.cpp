@@ -51,19 +51,9 @@ TEST(FramebufferCache, LastReturnedIsFirstFetchedAndKindsStayApart) {
   EXPECT_EQ(fetch(33, 20), second);
   EXPECT_EQ(fetch(33, 20), first);
   EXPECT_NE(fetch(33, 20), first);
-  texture->unlock();
-  EXPECT_EQ(fetch(33, 20, true), texture);
-}
-
-TEST(FramebufferCache, UncountedFramebuffersStayWithTheirOwner) {
-  const auto mine = fetch(12, 12);
-  mine->disableReferenceCounting();
-  mine->unlock();
-  EXPECT_EQ(mine->framebufferReferenceCount(), 1U);
-  EXPECT_NE(fetch(12, 12), mine);
-  mine->enableReferenceCounting();
-  mine->unlock();
-  EXPECT_EQ(fetch(12, 12), mine);
+  first->disableReferenceCounting();
+  first->unlock();
+  EXPECT_NE(fetch(33, 20), first);
 }
 
 TEST(FramebufferCache, MemoryWarningForgetsWhatNobodyHolds) {
@@ -142,20 +132,6 @@ TEST(Framebuffer, ImagesLendItAndGiveItBack) {
   EXPECT_EQ(image->bytes()[4 * image->bytesPerRow() + 20 * 4 + 2], 255);
   image.reset();
   EXPECT_EQ(fetch(21, 5).get(), address);
-}
-
-TEST(Framebuffer, TexturesOfOthersAreWrappedAndDeleted) {
-  GLuint name = 0;
-  onQueue([&] {
-    GPUImageContext::useImageProcessingContext();
-    glGenTextures(1, &name);
-    glBindTexture(GL_TEXTURE_2D, name);
-  });
-  auto framebuffer = GPUImageFramebuffer::createWithTexture({4, 4}, name);
-  EXPECT_TRUE(framebuffer->referenceCountingDisabled());
-  EXPECT_FALSE(framebuffer->pixelBuffer());
-  framebuffer.reset();
-  onQueue([&] { EXPECT_EQ(glIsTexture(name), GL_FALSE); });
 }
 
 TEST(Framebuffer, ImpossibleSizesAreLoggedAndSwallowDrawing) {

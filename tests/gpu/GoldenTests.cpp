@@ -25,86 +25,45 @@ std::shared_ptr<PixelBuffer> rendered(PictureSource& source, GPUImageFilter& fil
   return result;
 }
 
-struct Place {
-  double s, t;
+/// How a turn fetches its output's pixels: with rows and columns exchanged, and from the far side.
+struct Turn {
+  bool swaps, mirrorsX, mirrorsY;
 };
-
-/// For each turn, where in the input the point (u, v) of the output comes from; r is the region that is cut out.
-using Turn = Place (*)(double u, double v, const Rect& r);
-constexpr Turn kTurns[] = {
-    [](double u, double v, const Rect& r) {
-      return Place{r.x + r.width * u, r.y + r.height * v};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.y + r.height * (1 - v), 1 - r.x - r.width * (1 - u)};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.y + r.height * v, 1 - r.x - r.width * u};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.x + r.width * u, r.y + r.height * (1 - v)};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.x + r.width * (1 - u), r.y + r.height * v};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.y + r.height * v, 1 - r.x - r.width * (1 - u)};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.y + r.height * (1 - v), 1 - r.x - r.width * u};
-    },
-    [](double u, double v, const Rect& r) {
-      return Place{r.x + r.width * (1 - u), r.y + r.height * (1 - v)};
-    },
-};
-constexpr bool kSwaps[] = {false, true, true, false, false, true, true, false};
+constexpr Turn kTurns[] = {{false, false, false}, {true, true, true},  {true, false, false}, {false, false, true},
+                           {false, true, false},  {true, true, false}, {true, false, true},  {false, true, true}};
 
 class EveryTurn : public testing::TestWithParam<int> {
  protected:
-  /// What a filter that cuts out `region` must make of the picture in a framebuffer of width × height.
-  auto turned(const PixelBuffer& picture, const Rect& region, std::size_t width, std::size_t height) const {
-    return [&picture, region, width, height, turn = kTurns[GetParam()]](std::size_t x, std::size_t y) {
-      const auto place = turn((static_cast<double>(x) + 0.5) / static_cast<double>(width),
-                              (static_cast<double>(y) + 0.5) / static_cast<double>(height), region);
-      return sampleLinear(picture.plane(0), 4, place.s, place.t);
-    };
+  /// What `filter` makes of the picture must be `region` of it, turned.
+  void expectTurned(GPUImageFilter& filter, const PixelBuffer& picture, const Rect& region, double tolerance) {
+    const Turn turn = kTurns[GetParam()];
+    const auto source = std::make_shared<PictureSource>();
+    source->addTarget(std::static_pointer_cast<GPUImageFilter>(filter.shared_from_this()));
+    source->turn = static_cast<GPUImageInputTurn>(GetParam());
+    const auto width = static_cast<double>(turn.swaps ? picture.height() : picture.width()) * region.width;
+    const auto height = static_cast<double>(turn.swaps ? picture.width() : picture.height()) * region.height;
+    EXPECT_TRUE(matches(rendered(*source, filter, picture), static_cast<std::size_t>(width),
+                        static_cast<std::size_t>(height), tolerance, [&](std::size_t x, std::size_t y) {
+                          const double u = (static_cast<double>(x) + 0.5) / width;
+                          const double v = (static_cast<double>(y) + 0.5) / height;
+                          const double across = region.x + region.width * (turn.mirrorsX ? 1 - u : u);
+                          const double down = region.y + region.height * (turn.mirrorsY ? 1 - v : v);
+                          return turn.swaps ? sampleLinear(picture.plane(0), 4, down, 1 - across)
+                                            : sampleLinear(picture.plane(0), 4, across, down);
+                        }));
   }
-  const std::shared_ptr<PictureSource> source_ = std::make_shared<PictureSource>();
 };
 INSTANTIATE_TEST_SUITE_P(All, EveryTurn, testing::Range(0, 8));
 
 TEST_P(EveryTurn, OneInputFilterTurnsItsInput) {
-  const auto picture = samplePicture(PixelFormat::BGRA, 37, 22);
-  const auto filter = GPUImageFilter::create();
-  source_->addTarget(filter);
-  source_->turn = static_cast<GPUImageInputTurn>(GetParam());
-  const std::size_t width = kSwaps[GetParam()] ? 22 : 37;
-  const std::size_t height = kSwaps[GetParam()] ? 37 : 22;
-  const auto output = rendered(*source_, *filter, *picture);
-  EXPECT_TRUE(matches(output, width, height, kOneStep, turned(*picture, {0, 0, 1, 1}, width, height)));
+  expectTurned(*GPUImageFilter::create(), *samplePicture(PixelFormat::BGRA, 37, 22), {0, 0, 1, 1}, kOneStep);
 }
 
-TEST_P(EveryTurn, CropCutsOutItsRegion) {
+TEST_P(EveryTurn, CropCutsOutItsRegionAndRepeatsTheBorderBeyond) {
   const auto picture = samplePicture(PixelFormat::BGRA, 72, 128);
-  const Rect region{0.125, 0.25, 0.5, 0.375};
-  const auto filter = GPUImageCropFilter::create(region);
-  source_->addTarget(filter);
-  source_->turn = static_cast<GPUImageInputTurn>(GetParam());
-  const std::size_t width = kSwaps[GetParam()] ? 64 : 36;
-  const std::size_t height = kSwaps[GetParam()] ? 27 : 48;
-  const auto output = rendered(*source_, *filter, *picture);
-  EXPECT_TRUE(matches(output, width, height, kFiltered, turned(*picture, region, width, height)));
-}
-
-TEST(Golden, CropBeyondTheInputRepeatsItsBorder) {
-  const auto picture = samplePicture(PixelFormat::BGRA, 16, 16);
-  const auto source = std::make_shared<PictureSource>();
-  const auto filter = GPUImageCropFilter::create({-0.5, 0.5, 2, 1});
-  source->addTarget(filter);
-  EXPECT_TRUE(matches(rendered(*source, *filter, *picture), 32, 16, kFiltered, [&](std::size_t x, std::size_t y) {
-    return sampleLinear(picture->plane(0), 4, -0.5 + 2 * (static_cast<double>(x) + 0.5) / 32,
-                        0.5 + (static_cast<double>(y) + 0.5) / 16);
-  }));
+  for (const Rect region : {Rect{0.125, 0.25, 0.5, 0.375}, Rect{-0.5, 0.5, 2, 1}}) {
+    expectTurned(*GPUImageCropFilter::create(region), *picture, region, kFiltered);
+  }
 }
 
 TEST(Golden, AlphaBlendAtSeveralMixes) {

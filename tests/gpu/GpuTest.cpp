@@ -31,12 +31,6 @@ void* allocateOrThrow(std::size_t size, std::size_t alignment) {
   return memory;
 }
 
-/// The function of that name which this program's own stands in front of.
-template <typename Function>
-Function* behind(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 void* operator new(std::size_t size) { return allocateOrThrow(size, 1); }
@@ -53,39 +47,23 @@ void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
 
 // The library's calls come here, because a program's own functions go before those of its libraries.
-extern "C" {
-void glGenTextures(GLsizei n, GLuint* names) {
-  static auto* const real = behind<decltype(glGenTextures)>("glGenTextures");
-  glObjects += static_cast<std::uint64_t>(n);
-  real(n, names);
-}
-void glGenFramebuffers(GLsizei n, GLuint* names) {
-  static auto* const real = behind<decltype(glGenFramebuffers)>("glGenFramebuffers");
-  glObjects += static_cast<std::uint64_t>(n);
-  real(n, names);
-}
-GLuint glCreateProgram() {
-  static auto* const real = behind<decltype(glCreateProgram)>("glCreateProgram");
-  ++glObjects;
-  return real();
-}
-void glTexImage2D(GLenum target, GLint level, GLint inside, GLsizei width, GLsizei height, GLint border, GLenum format,
-                  GLenum type, const void* pixels) {
-  static auto* const real = behind<decltype(glTexImage2D)>("glTexImage2D");
-  ++textureStorages;
-  real(target, level, inside, width, height, border, format, type, pixels);
-}
-void glDrawArrays(GLenum mode, GLint first, GLsizei count) {
-  static auto* const real = behind<decltype(glDrawArrays)>("glDrawArrays");
-  ++draws;
-  real(mode, first, count);
-}
-void glReadPixels(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, void* pixels) {
-  static auto* const real = behind<decltype(glReadPixels)>("glReadPixels");
-  ++reads;
-  real(x, y, width, height, format, type, pixels);
-}
-}
+#define COUNTED(result, name, counter, count, parameters, arguments)                      \
+  extern "C" result name parameters {                                                     \
+    static auto* const real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
+    counter += static_cast<std::uint64_t>(count);                                         \
+    return real arguments;                                                                \
+  }
+COUNTED(void, glGenTextures, glObjects, n, (GLsizei n, GLuint* names), (n, names))
+COUNTED(void, glGenFramebuffers, glObjects, n, (GLsizei n, GLuint* names), (n, names))
+COUNTED(GLuint, glCreateProgram, glObjects, 1, (), ())
+COUNTED(void, glDrawArrays, draws, 1, (GLenum mode, GLint first, GLsizei n), (mode, first, n))
+COUNTED(void, glTexImage2D, textureStorages, 1,
+        (GLenum target, GLint level, GLint inside, GLsizei w, GLsizei h, GLint border, GLenum format, GLenum type,
+         const void* pixels),
+        (target, level, inside, w, h, border, format, type, pixels))
+COUNTED(void, glReadPixels, reads, 1,
+        (GLint x, GLint y, GLsizei w, GLsizei h, GLenum format, GLenum type, void* pixels),
+        (x, y, w, h, format, type, pixels))
 
 namespace zellive::test {
 

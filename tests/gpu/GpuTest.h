@@ -1,10 +1,13 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 
+#include "tests/gpu/Golden.h"
 #include "tests/support/PictureSource.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFilter.h"
@@ -74,6 +77,20 @@ class Recorder : public GPUImageInput {
 
  private:
   const bool ignoresUpdates_;
+};
+
+/// A source of pictures, and a target for what a filter makes of them.
+class GpuTest : public testing::Test {
+ protected:
+  void connect(const std::shared_ptr<GPUImageFilter>& filter) {
+    source_->addTarget(filter);
+    filter->addTarget(sink_);
+  }
+  void send(std::int64_t time = 0) { source_->send(*picture_, MediaTime::make(time, 30)); }
+
+  const std::shared_ptr<PictureSource> source_ = std::make_shared<PictureSource>();
+  const std::shared_ptr<Recorder> sink_ = std::make_shared<Recorder>();
+  const std::shared_ptr<PixelBuffer> picture_ = samplePicture(PixelFormat::BGRA, 32, 18);
 };
 
 }  // namespace zellive::test

@@ -22,25 +22,28 @@ struct Fault {
 };
 void PrintTo(const Fault& fault, std::ostream* stream) { *stream << fault.name; }
 
-class BadShader : public testing::TestWithParam<Fault> {};
-
 const std::string kVertex = "attribute vec4 position; void main() { gl_Position = position; }";
 const std::string kFragment = "void main() { gl_FragColor = vec4(1); }";
-INSTANTIATE_TEST_SUITE_P(
-    All, BadShader,
-    testing::Values(
-        Fault{"fragment", kVertex, "void main() { nonsense }", {"Failed to compile fragment shader"}},
-        Fault{"vertex", "nonsense", kFragment, {"Failed to compile vertex shader"}},
-        Fault{"empty", kVertex, "", {"Failed to load vertex shader", "Failed to compile fragment shader"}},
-        Fault{"encoding", "\xC3(", kFragment, {"Failed to load vertex shader", "Failed to compile vertex shader"}},
-        Fault{"link", kVertex, "varying highp vec2 none; void main() { gl_FragColor = none.xyxy; }", {}}));
+constexpr char kNoText[] = "Failed to load vertex shader";
+constexpr char kBadVertex[] = "Failed to compile vertex shader";
+constexpr char kBadFragment[] = "Failed to compile fragment shader";
+const Fault kFaults[] = {
+    {"fragment", kVertex, "void main() { nonsense }", {kBadFragment}},
+    {"vertex", "nonsense", kFragment, {kBadVertex}},
+    {"empty", kVertex, "", {kNoText, kBadFragment}},
+    {"encoding", "\xC3(", kFragment, {kNoText, kBadVertex}},
+    {"link", kVertex, "varying highp vec2 none; void main() { gl_FragColor = none.xyxy; }", {}},
+};
+
+class BadShader : public GpuTest, public testing::WithParamInterface<Fault> {};
+INSTANTIATE_TEST_SUITE_P(All, BadShader, testing::ValuesIn(kFaults));
 
 TEST_P(BadShader, IsLoggedAndFramesGoOnInTheBackgroundColor) {
   std::vector<std::string> messages;
   setLogHandler([&](LogLevel, std::string_view, int, std::string_view message) { messages.emplace_back(message); });
   const auto filter = GPUImageFilter::createWithShaders(GetParam().vertexShader, GetParam().fragmentShader);
   setLogHandler({});
-  std::vector<std::string> expected(GetParam().messages.begin(), GetParam().messages.end());
+  auto expected = GetParam().messages;
   expected.insert(expected.end(),
                   {"Program link log: ", "Fragment shader compile log: ", "Vertex shader compile log: "});
   ASSERT_EQ(messages.size(), expected.size());
@@ -50,99 +53,86 @@ TEST_P(BadShader, IsLoggedAndFramesGoOnInTheBackgroundColor) {
   EXPECT_FALSE(filter->filterProgram());
   filter->setBackgroundColor(0, 1, 0, 1);
   filter->setFloat(1, "anything");
-  const auto source = std::make_shared<PictureSource>();
-  const auto sink = std::make_shared<Recorder>();
-  source->addTarget(filter);
-  filter->addTarget(sink);
-  source->send(*samplePicture(PixelFormat::BGRA, 6, 4));
-  ASSERT_EQ(sink->times.size(), 1U);
-  EXPECT_TRUE(matches(sink->last->pixelBuffer(), 6, 4, 0, [](auto, auto) { return Color{0, 255, 0, 255}; }));
+  connect(filter);
+  send();
+  ASSERT_EQ(sink_->times.size(), 1U);
+  EXPECT_TRUE(matches(sink_->last->pixelBuffer(), 32, 18, 0, [](auto, auto) { return Color{0, 255, 0, 255}; }));
 }
 
-TEST(Robustness, CompilerMessagesReachTheLog) {
+using Robustness = GpuTest;
+
+TEST_F(Robustness, CompilerMessagesReachTheLog) {
   const LogCapture log;
   (void)GPUImageFilter::createWithShaders(kVertex, "void main() { gl_FragColor = undeclaredThing; }");
   EXPECT_EQ(log.count("undeclaredThing"), 1U);
 }
 
-TEST(Robustness, FramesOfImpossibleSizesPass) {
-  const auto source = std::make_shared<PictureSource>();
+TEST_F(Robustness, FramesOfImpossibleSizesPass) {
+  const LogCapture log;
   const auto filter = GPUImageFilter::createWithFragmentShader(kReadsInput);
-  const auto sink = std::make_shared<Recorder>();
-  source->addTarget(filter);
-  filter->addTarget(sink);
-  const auto picture = samplePicture(PixelFormat::BGRA, 8, 8);
+  connect(filter);
   const double beyond = GPUImageContext::maximumTextureSizeForThisDevice() + 1;
   for (const Size size : {Size{beyond, 4}, Size{0.5, 4}, Size{-1, -1}}) {
     filter->forceProcessingAtSize(size);
-    source->send(*picture);
-    EXPECT_FALSE(sink->last->pixelBuffer());
+    send();
+    EXPECT_FALSE(sink_->last->pixelBuffer());
   }
+  EXPECT_EQ(log.count("FBO size: "), 3U);
   filter->forceProcessingAtSize({});
-  source->send(*picture);
-  EXPECT_TRUE(sink->last->pixelBuffer());
-  EXPECT_EQ(sink->times.size(), 4U);
+  send();
+  EXPECT_TRUE(sink_->last->pixelBuffer());
+  EXPECT_EQ(sink_->times.size(), 4U);
 }
 
-TEST(Robustness, FiltersComeAndGoWhileFramesFly) {
-  const auto source = std::make_shared<PictureSource>();
+TEST_F(Robustness, FiltersComeAndGoWhileFramesFly) {
   const auto steady = GPUImageFilter::create();
-  const auto sink = std::make_shared<Recorder>();
-  source->addTarget(steady);
-  steady->addTarget(sink);
-  const auto picture = samplePicture(PixelFormat::BGRA, 16, 16);
-  std::atomic<std::int64_t> sent = 0;
-  whileMeddling([&] { source->send(*picture, MediaTime::make(sent++, 30)); },
+  connect(steady);
+  whileMeddling([&] { send(); },
                 [&] {
                   for (int i = 0; i < 200; ++i) {
                     const auto filter = GPUImageAlphaBlendFilter::create();
                     filter->disableSecondFrameCheck();
-                    source->addTarget(filter);
-                    filter->addTarget(sink, 1);
+                    source_->addTarget(filter);
+                    filter->addTarget(sink_, 1);
                     filter->setMix(0.3);
                     filter->setBackgroundColor(0, 0, 1, 1);
                     filter->setFrameProcessingCompletionBlock(
                         [](GPUImageOutput& output, MediaTime) { (void)output.framebufferForOutput()->pixelBuffer(); });
                     filter->forceProcessingAtSize({static_cast<double>(8 + i % 3), 8});
-                    EXPECT_FALSE(source->targets().empty());
+                    EXPECT_FALSE(source_->targets().empty());
                     if (i % 2 == 0) {
-                      source->removeTarget(filter);
+                      source_->removeTarget(filter);
                     } else {
-                      source->removeAllTargets();
-                      source->addTarget(steady);
+                      source_->removeAllTargets();
+                      source_->addTarget(steady);
                     }
                     if (i % 16 == 0) {
                       GPUImageContext::sharedImageProcessingContext().releaseContext();
                     }
                   }
                 });
-  sink->times.clear();
-  source->send(*picture, MediaTime::make(-1, 30));
-  EXPECT_EQ(sink->times, std::vector<std::int64_t>{-1});
+  sink_->times.clear();
+  send(-1);
+  EXPECT_EQ(sink_->times, std::vector<std::int64_t>{-1});
 }
 
-TEST(Robustness, ATargetThatLeavesDuringAFrameDoesNotDisturbTheOthers) {
-  struct Leaver : Recorder {
-    std::weak_ptr<GPUImageOutput> from;
-    std::weak_ptr<GPUImageInput> self;
+TEST_F(Robustness, ATargetThatLeavesDuringAFrameDoesNotDisturbTheOthers) {
+  struct Leaver : Recorder, std::enable_shared_from_this<Leaver> {
+    explicit Leaver(GPUImageOutput& output) : from(output) {}
+    GPUImageOutput& from;
     void newFrameReadyAtTime(MediaTime time, std::size_t index) override {
       Recorder::newFrameReadyAtTime(time, index);
-      from.lock()->removeTarget(self.lock());
+      from.removeTarget(shared_from_this());
     }
   };
-  const auto source = std::make_shared<PictureSource>();
-  const auto leaver = std::make_shared<Leaver>();
-  leaver->from = source;
-  leaver->self = leaver;
-  const auto after = std::make_shared<Recorder>();
-  source->addTarget(leaver);
-  source->addTarget(after);
-  const auto picture = samplePicture(PixelFormat::BGRA, 8, 8);
-  source->send(*picture);
-  source->send(*picture);
+  const auto leaver = std::make_shared<Leaver>(*source_);
+  source_->addTarget(leaver);
+  source_->addTarget(sink_);
+  send();
+  send();
   EXPECT_EQ(leaver->times.size(), 1U);
-  EXPECT_EQ(after->times.size(), 2U);
-  EXPECT_EQ(after->last->framebufferReferenceCount(), 0U);
+  EXPECT_EQ(sink_->times.size(), 2U);
+  EXPECT_EQ(sink_->last->framebufferReferenceCount(), 0U);
 }
 
 /// A chain of which every part is used, without a picture coming out.
@@ -166,8 +156,8 @@ void expectDarkPipeline() {
   GPUImageContext::sharedImageProcessingContext().releaseContext();
 }
 
-TEST(Robustness, ALostContextLeavesThePipelineDark) {
-  const auto framebuffer = fetch(8, 8);
+TEST_F(Robustness, ALostContextLeavesThePipelineDark) {
+  const auto framebuffer = fetch(11, 3);
   const LogCapture log;
   GpuPlatform::contextLost = true;
   EXPECT_FALSE(framebuffer->pixelBuffer());

@@ -28,6 +28,31 @@ Size aspectFit(Size size, Size bounds) {
 
 }  // namespace
 
+void GPUImageFilter::Input::supply(std::shared_ptr<GPUImageFramebuffer> framebuffer) {
+  if (framebuffer) {
+    framebuffer->lock();
+  }
+  // A frame that is replaced before it was drawn goes back to the cache.
+  unlock();
+  framebuffer_ = std::move(framebuffer);
+  locked_ = framebuffer_ != nullptr;
+}
+
+void GPUImageFilter::Input::unlock() {
+  if (std::exchange(locked_, false)) {
+    framebuffer_->unlock();
+  }
+}
+
+bool GPUImageFilter::Input::isOnlyHolder() const {
+  return locked_ && !framebuffer_->referenceCountingDisabled() && framebuffer_->framebufferReferenceCount() == 1;
+}
+
+std::shared_ptr<GPUImageFramebuffer> GPUImageFilter::Input::handOn() {
+  locked_ = false;
+  return framebuffer_;
+}
+
 GPUImageFilter::GPUImageFilter() = default;
 
 std::shared_ptr<GPUImageFilter> GPUImageFilter::create() {
@@ -96,10 +121,7 @@ void GPUImageFilter::newFrameReadyAtTime(MediaTime frameTime, std::size_t) {
 }
 
 void GPUImageFilter::setInputFramebuffer(std::shared_ptr<GPUImageFramebuffer> framebuffer, std::size_t) {
-  firstInputFramebuffer_ = std::move(framebuffer);
-  if (firstInputFramebuffer_) {
-    firstInputFramebuffer_->lock();
-  }
+  firstInput_.supply(std::move(framebuffer));
 }
 
 void GPUImageFilter::setInputRotation(GPUImageInputTurn turn, std::size_t) { inputRotation_ = turn; }
@@ -147,12 +169,11 @@ void GPUImageFilter::forceProcessingAtSizeRespectingAspectRatio(Size size) {
 }
 
 bool GPUImageFilter::mayHandOnInput(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates) const {
-  const auto* input = firstInputFramebuffer_.get();
+  const auto* input = firstInput_.get();
   // What a copy would show must be just what the input is, and nobody else may still want the input as it is.
   return effect_ == Effect::Copy && filterProgram_ && uniformStateRestorationBlocks_.empty() &&
          vertices == kWholeQuad && textureCoordinates == textureCoordinatesForRotation(kGPUImageTurnNone) &&
-         input != nullptr && input->isRenderTarget() && !input->referenceCountingDisabled() &&
-         input->framebufferReferenceCount() == 1 && input->size() == sizeOfFBO() &&
+         firstInput_.isOnlyHolder() && input->isRenderTarget() && input->size() == sizeOfFBO() &&
          input->textureOptions() == outputTextureOptions();
 }
 
@@ -165,7 +186,7 @@ void GPUImageFilter::renderToTexture(const GPUImageQuad& vertices, const GPUImag
   capturesThisFrame_ = usingNextFrameForImageCapture_;
   const bool handsOn = mayHandOnInput(vertices, textureCoordinates);
   // A copy that would be exact is not drawn: our hold of the input becomes the hold of the output.
-  const auto output = handsOn ? firstInputFramebuffer_
+  const auto output = handsOn ? firstInput_.handOn()
                               : GPUImageContext::sharedFramebufferCache()->fetchFramebufferForSize(
                                     sizeOfFBO(), outputTextureOptions(), false);
   setOutputFramebuffer(output);
@@ -193,7 +214,7 @@ void GPUImageFilter::draw(const GPUImageQuad& vertices, const GPUImageQuad& text
     return;
   }
   glActiveTexture(GL_TEXTURE2);
-  glBindTexture(GL_TEXTURE_2D, firstInputFramebuffer_ ? firstInputFramebuffer_->texture() : 0);
+  glBindTexture(GL_TEXTURE_2D, firstInput_.texture());
   glUniform1i(filterInputTextureUniform_, 2);
   bindFurtherInputs();
   glVertexAttribPointer(filterPositionAttribute_, 2, GL_FLOAT, GL_FALSE, 0, vertices.data());
@@ -201,11 +222,7 @@ void GPUImageFilter::draw(const GPUImageQuad& vertices, const GPUImageQuad& text
   glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
 }
 
-void GPUImageFilter::unlockInputs() {
-  if (firstInputFramebuffer_) {
-    firstInputFramebuffer_->unlock();
-  }
-}
+void GPUImageFilter::unlockInputs() { firstInput_.unlock(); }
 
 void GPUImageFilter::informTargetsAboutNewFrameAtTime(MediaTime frameTime) {
   if (const auto block = frameProcessingCompletionBlock()) {

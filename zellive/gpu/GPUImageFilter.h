@@ -101,6 +101,24 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
   /// What the fragment shader makes of its input, with the default vertex shader.
   enum class Effect { Any, Copy };
 
+  /// An input's framebuffer: locked when it is supplied, unlocked once when it has been drawn or is replaced.
+  class Input {
+   public:
+    void supply(std::shared_ptr<GPUImageFramebuffer> framebuffer);
+    void unlock();
+    [[nodiscard]] const GPUImageFramebuffer* get() const { return framebuffer_.get(); }
+    /// 0 when there is none.
+    [[nodiscard]] std::uint32_t texture() const { return framebuffer_ ? framebuffer_->texture() : 0; }
+    /// Whether this holds the only lock.
+    [[nodiscard]] bool isOnlyHolder() const;
+    /// Gives the lock to the caller.
+    [[nodiscard]] std::shared_ptr<GPUImageFramebuffer> handOn();
+
+   private:
+    std::shared_ptr<GPUImageFramebuffer> framebuffer_;
+    bool locked_ = false;
+  };
+
   GPUImageFilter();
   void initWithShaders(const std::string& vertexShader, const std::string& fragmentShader, Effect effect = Effect::Any);
   /// Adds the attributes of the vertex shader to the new program, in the order of their locations.
@@ -123,9 +141,6 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
                                                 UniformBlock block);
 
   [[nodiscard]] GPUImageInputTurn inputRotation() const { return inputRotation_; }
-  [[nodiscard]] const std::shared_ptr<GPUImageFramebuffer>& firstInputFramebuffer() const {
-    return firstInputFramebuffer_;
-  }
 
  private:
   [[nodiscard]] bool mayHandOnInput(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates) const;
@@ -143,7 +158,7 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
   Effect effect_ = Effect::Any;
 
   // On the video-processing queue.
-  std::shared_ptr<GPUImageFramebuffer> firstInputFramebuffer_;
+  Input firstInput_;
   GPUImageInputTurn inputRotation_ = kGPUImageTurnNone;
   std::unordered_map<std::int32_t, UniformBlock> uniformStateRestorationBlocks_;
   bool capturesThisFrame_ = false;

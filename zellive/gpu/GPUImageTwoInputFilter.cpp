@@ -45,10 +45,7 @@ void GPUImageTwoInputFilter::setInputFramebuffer(std::shared_ptr<GPUImageFramebu
     hasSetFirstTexture_ = true;
     GPUImageFilter::setInputFramebuffer(std::move(framebuffer), index);
   } else {
-    secondInputFramebuffer_ = std::move(framebuffer);
-    if (secondInputFramebuffer_) {
-      secondInputFramebuffer_->lock();
-    }
+    secondInput_.supply(std::move(framebuffer));
   }
 }
 
@@ -95,14 +92,12 @@ void GPUImageTwoInputFilter::newFrameReadyAtTime(MediaTime frameTime, std::size_
 
 void GPUImageTwoInputFilter::unlockInputs() {
   GPUImageFilter::unlockInputs();
-  if (secondInputFramebuffer_) {
-    secondInputFramebuffer_->unlock();
-  }
+  secondInput_.unlock();
 }
 
 void GPUImageTwoInputFilter::bindFurtherInputs() {
   glActiveTexture(GL_TEXTURE3);
-  glBindTexture(GL_TEXTURE_2D, secondInputFramebuffer_ ? secondInputFramebuffer_->texture() : 0);
+  glBindTexture(GL_TEXTURE_2D, secondInput_.texture());
   glUniform1i(filterInputTextureUniform2_, 3);
   glVertexAttribPointer(filterSecondTextureCoordinateAttribute_, 2, GL_FLOAT, GL_FALSE, 0,
                         textureCoordinatesForRotation(inputRotation2_).data());

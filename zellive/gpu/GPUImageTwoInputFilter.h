@@ -42,7 +42,7 @@ class GPUImageTwoInputFilter : public GPUImageFilter {
   std::uint32_t filterSecondTextureCoordinateAttribute_ = GLProgram::kNotFound;
   std::int32_t filterInputTextureUniform2_ = -1;
   // On the video-processing queue.
-  std::shared_ptr<GPUImageFramebuffer> secondInputFramebuffer_;
+  Input secondInput_;
   GPUImageInputTurn inputRotation2_ = kGPUImageTurnNone;
   MediaTime firstFrameTime_;
   MediaTime secondFrameTime_;
