@@ -6,9 +6,11 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <semaphore>
 
 #include "bench/SampleFrames.h"
 #include "tests/support/PictureSource.h"
+#include "zellive/capture/ZelLivePixelBufferFitSizeFilter.h"
 #include "zellive/gpu/GPUImageAlphaBlendFilter.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFramebufferCache.h"
@@ -118,6 +120,30 @@ void gpuReadBack(benchmark::State& state) {
   framebuffer->unlock();
 }
 BENCHMARK(gpuReadBack)->Apply(sizes);
+
+/// A picture of 4:3 as high as the output, drawn into it and read back by the renderer on its own queue.
+void gpuFit(benchmark::State& state, PixelFormat format) {
+  struct Waiter : ZelLivePixelBufferFitSizeDelegate {
+    void filterPixelBuffer(ZelLivePixelBufferFitSizeFilter&, std::shared_ptr<PixelBuffer>, double) override {
+      fitted.release();
+    }
+    std::binary_semaphore fitted{0};
+  };
+  const auto waiter = std::make_shared<Waiter>();
+  const auto renderer = ZelLivePixelBufferFitSizeFilter::create(sizeOf(state));
+  renderer->setDelegate(waiter);
+  const auto picture = noisePicture(format, {sizeOf(state).height * 4 / 3, sizeOf(state).height});
+  const auto fit = [&] {
+    renderer->renderPixelBuffer(picture, 0);
+    waiter->fitted.acquire();
+  };
+  fit();
+  for ([[maybe_unused]] auto iteration : state) {
+    fit();
+  }
+}
+BENCHMARK_CAPTURE(gpuFit, BGRA, PixelFormat::BGRA)->Apply(sizes);
+BENCHMARK_CAPTURE(gpuFit, NV12, PixelFormat::BiPlanarFullRange)->Apply(sizes);
 
 /// The bare copy of the same bytes, into memory of a pool as well.
 void gpuReadBackPeerCopy(benchmark::State& state) {
