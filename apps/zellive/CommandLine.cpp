@@ -31,7 +31,8 @@ Source
 
 Picture and sound
       --quality 0..4          480p, 720p, 1080p, 1440p or 2160p; 1 (720p) by default
-      --size WxH              Size of the stream; by default the source's, up to the quality's
+      --size WxH              Size of the stream, with bars where its shape is not the source's; by default the
+                              source's, up to the quality's
       --fps N                 Pictures per second; by default the source's, up to the quality's
       --bitrate BPS           Video bits per second, such as 1500k or 1.5M; by default the quality's
       --adaptive              Let the video bit rate follow the network

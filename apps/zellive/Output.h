@@ -18,8 +18,8 @@ struct StreamStatus {
   double bitsPerSecond = 0;                 ///< Of what was sent.
   double framesPerSecond = 0;               ///< Of what was sent.
   std::int64_t queued = 0;                  ///< Frames waiting to be sent.
-  std::int64_t dropped = 0;          ///< Frames dropped by the send buffer, and pictures the encoder was too slow for.
-  std::uint64_t encoderBitRate = 0;  ///< What the video encoder is set to, bits per second.
+  std::int64_t dropped = 0;                 ///< Frames dropped by the send buffer, and pictures that came too fast.
+  std::uint64_t encoderBitRate = 0;         ///< What the video encoder is set to, bits per second.
 };
 
 /// Everything that the program says. Status goes to one stream, complaints to another; where both are the same terminal

@@ -15,7 +15,7 @@ struct PictureSize {
 /// "1280x720".
 [[nodiscard]] std::string toText(PictureSize size);
 
-/// Whether the library takes pictures of one size for a stream of the other: it compares width ÷ height to two
+/// Whether pictures of one size fill a stream of the other without bars: the library compares width ÷ height to two
 /// decimals.
 [[nodiscard]] bool sameShape(PictureSize a, PictureSize b);
 

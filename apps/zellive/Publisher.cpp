@@ -89,6 +89,7 @@ void Publisher::start() {
 
 void Publisher::stop() {
   if (session_) {
+    droppedBySession_ = session_->droppedPictures();
     session_->stopLive();
     (void)session_->waitUntilStopped(stopLimit);
     session_.reset();
@@ -202,7 +203,8 @@ StreamStatus Publisher::status(Waker::Duration now) const {
   status.state = stateName(state_);
   status.elapsed = now - startTime_;
   meter_.read(status, now);
-  status.dropped += feed_.skipped();
+  status.dropped +=
+      feed_.skipped() + static_cast<std::int64_t>(session_ ? session_->droppedPictures() : droppedBySession_);
   status.encoderBitRate = session_ ? session_->videoBitRate() : 0;
   return status;
 }

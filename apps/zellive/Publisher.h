@@ -72,6 +72,7 @@ class Publisher : private MediaSink {
   int tailBlocks_ = 0;
   std::uint64_t state_ = 0;
   std::uint64_t bufferCount_ = 0;
+  std::uint64_t droppedBySession_ = 0;  ///< Once it has ended.
   bool wasConnected_ = false;
   int exitStatus_ = 0;
 };

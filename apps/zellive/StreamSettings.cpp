@@ -36,14 +36,8 @@ PictureSize qualitySize(std::uint64_t quality) {
 }
 
 std::shared_ptr<ZelLiveVideoConfiguration> makeVideoConfiguration(const PublishOptions& options, PictureSize sourceSize,
-                                                                  double sourceRate, std::string& error) {
-  const PictureSize fitting = fitSize(sourceSize, qualitySize(options.quality));
-  const PictureSize size = options.size.value_or(fitting);
-  if (!sameShape(size, sourceSize)) {
-    error = "--size " + toText(size) + " does not have the shape of the source's pictures, " + toText(sourceSize) +
-            "; --size " + toText(fitSize(sourceSize, size)) + " would fit";
-    return nullptr;
-  }
+                                                                  double sourceRate) {
+  const PictureSize size = options.size ? *options.size : fitSize(sourceSize, qualitySize(options.quality));
   auto video = std::make_shared<ZelLiveVideoConfiguration>(options.quality, captureType, 1);
   video->setVideoSize({static_cast<double>(size.width), static_cast<double>(size.height)});
   video->setVideoFrameRate(frameRateOf(options, video->videoFrameRate(), sourceRate));

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "apps/zellive/CommandLine.h"
 #include "apps/zellive/PictureSize.h"
@@ -18,10 +17,10 @@ inline constexpr std::int64_t captureType = ZelLiveInputAudio | ZelLiveInputVide
 /// The size of a quality, lying down.
 [[nodiscard]] PictureSize qualitySize(std::uint64_t quality);
 
-/// What to stream pictures of `sourceSize` at `sourceRate` pictures per second (0: any) with. Null, with `error` set,
-/// when the size asked for has another shape than the pictures.
+/// What to stream pictures of `sourceSize` at `sourceRate` pictures per second (0: any) with: a size of their own shape
+/// unless another one is asked for.
 [[nodiscard]] std::shared_ptr<ZelLiveVideoConfiguration> makeVideoConfiguration(const PublishOptions& options,
                                                                                 PictureSize sourceSize,
-                                                                                double sourceRate, std::string& error);
+                                                                                double sourceRate);
 
 }  // namespace zellive::tool

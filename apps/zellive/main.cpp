@@ -18,7 +18,6 @@ namespace zellive::tool {
 namespace {
 
 constexpr int failureStatus = 1;
-constexpr int usageStatus = 2;
 
 std::unique_ptr<MediaSource> openSource(const PublishOptions& options, std::string& error) {
   if (!options.input.empty()) {
@@ -53,11 +52,7 @@ int publish(const PublishOptions& options) {
     output->error(0, error);
     return failureStatus;
   }
-  auto video = makeVideoConfiguration(options, source->pictureSize(), source->frameRate(), error);
-  if (!video) {
-    output->error(0, error);
-    return usageStatus;
-  }
+  auto video = makeVideoConfiguration(options, source->pictureSize(), source->frameRate());
   output->note(announcement(options, *video));
   Publisher publisher(options, *source, std::move(video), output, std::make_shared<Waker>());
   return publisher.run();

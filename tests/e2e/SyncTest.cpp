@@ -81,12 +81,10 @@ TEST_F(ServerTest, SoundAndPictureStayTogetherForTenMinutes) {
   constexpr PictureSize size{160, 90};
   PublishOptions options;
   options.bitRate = 200'000;
-  std::string error;
   const auto info = std::make_shared<ZelLiveStreamInfo>();
   info->setUrl(server->url("sync"));
   info->audioConfiguration = ZelLiveAudioConfiguration::defaultConfiguration();
-  info->videoConfiguration = makeVideoConfiguration(options, size, 0, error);
-  ASSERT_TRUE(info->videoConfiguration) << error;
+  info->videoConfiguration = makeVideoConfiguration(options, size, 0);
   const auto rate = info->videoConfiguration->videoFrameRate();
   const auto session = ZelLiveSession::create(info->audioConfiguration, info->videoConfiguration, captureType);
   const auto sink = std::make_shared<EagerSink>(session);
