@@ -35,9 +35,9 @@ TEST(Endurance, KillsAndRestartsOfAServerLeaveNothingBehind) {
   setLogHandler([](LogLevel, std::string_view, int, std::string_view) {});
   const char* wanted = std::getenv("ZELLIVE_FAULT_ROUNDS");
   const int rounds = wanted != nullptr ? std::atoi(wanted) : kRounds;
-  World world;
+  World world(false);
   Feed feed;
-  const auto session = Broadcast::start(world.platform(), world.server.url("again"), {});
+  const auto session = Broadcast::start(world.platform, world.server->url("again"), {});
   const auto holdings = [&] {
     feed.setSessions({});
     EXPECT_TRUE(waitUntil([&] { return *session->queued == ZelStreamingBuffer::sortCount; }, 20s)) << "frames are kept";
@@ -67,8 +67,8 @@ TEST(Endurance, KillsAndRestartsOfAServerLeaveNothingBehind) {
         EXPECT_LE(last.pages, tenth.pages + tenth.pages / 50);
       }
     }
-    world.server.kill();
-    world.server.start();
+    world.server->kill();
+    world.server->start();
   }
   setLogHandler({});
 }

@@ -37,8 +37,21 @@ struct FaultRow {
 
 template <Conduct conduct>
 std::unique_ptr<Fault> serverThat(World& world) {
-  return std::make_unique<Fault>([&] { world.front.setConduct(conduct); },
-                                 [&] { world.front.setConduct(Conduct::Pass); });
+  const auto set = [&world](Conduct now) { world.atServer([&] { world.front->setConduct(now); }); };
+  return std::make_unique<Fault>([&] { set(conduct); }, [set] { set(Conduct::Pass); });
+}
+
+/// Commands on one of the machines, or what a relay does instead.
+std::unique_ptr<Fault> onTheWay(World& world, NetworkNamespace TwoMachines::*where, const char* begin, const char* end,
+                                const std::function<void(bool)>& played) {
+  const auto set = [=, &world](bool on) {
+    if (world.machines) {
+      ((*world.machines).*where).run(on ? begin : end);
+    } else {
+      played(on);
+    }
+  };
+  return std::make_unique<Fault>([&] { set(true); }, [set] { set(false); });
 }
 
 constexpr const char* kHungUp = "closed the connection during the handshake";
@@ -47,36 +60,33 @@ constexpr const char* kHungUp = "closed the connection during the handshake";
 const FaultRow faults[] = {
     {"LinkDown", Place::Way, true, true, "",
      [](World& world) {
-       return std::make_unique<Fault>(
-           [&] {
-             world.way.setConduct(Conduct::Swallow);
-             world.reachability->setNetworkReachabilityStatus(ReachabilityStatus::NotReachable);
-           },
-           [&] {
-             world.way.setConduct(Conduct::Pass);
-             world.reachability->setNetworkReachabilityStatus(ReachabilityStatus::ReachableViaWiFi);
-           });
+       return onTheWay(world, &TwoMachines::server, "ip link set near0 down", "ip link set near0 up", [&](bool down) {
+         world.way->setConduct(down ? Conduct::Swallow : Conduct::Pass);
+         world.reachability->setNetworkReachabilityStatus(down ? ReachabilityStatus::NotReachable
+                                                               : ReachabilityStatus::ReachableViaWiFi);
+       });
      }},
     {"NameLost", Place::Name, false, true, "cannot find the host stream.test: Name or service not known",
      [](World& world) {
        return std::make_unique<Fault>([&] { world.names->lost = true; }, [&] { world.names->lost = false; });
      }},
     {"PacketsSwallowed", Place::Way, true, true, "timed out",
-     [](World& world) {
-       return std::make_unique<Fault>([&] { world.way.setConduct(Conduct::Swallow); },
-                                      [&] { world.way.setConduct(Conduct::Pass); });
+     [](World& world) {  // Those that come back: the server's kernel has no way to the publisher.
+       return onTheWay(world, &TwoMachines::server, "ip route add blackhole 192.0.2.5",
+                       "ip route del blackhole 192.0.2.5",
+                       [&](bool on) { world.way->setConduct(on ? Conduct::Swallow : Conduct::Pass); });
      }},
     {"ServerKilled", Place::Server, true, true, "Connection refused",
      [](World& world) {
-       return std::make_unique<Fault>(
-           [&] {
-             world.server.kill();
-             world.front.setConduct(Conduct::Refuse);
-           },
-           [&] {
-             world.server.start();
-             world.front.setConduct(Conduct::Pass);
-           });
+       const auto kill = [&] {
+         world.server->kill();
+         world.front->setConduct(Conduct::Refuse);
+       };
+       const auto start = [&world] {
+         world.server->start();
+         world.front->setConduct(Conduct::Pass);
+       };
+       return std::make_unique<Fault>([&] { world.atServer(kill); }, [&world, start] { world.atServer(start); });
      }},
     {"ServerSilent", Place::Server, true, true, "the server did not take the stream within",
      serverThat<Conduct::Silent>},
@@ -87,8 +97,10 @@ const FaultRow faults[] = {
     {"ServerCutsMessages", Place::Server, true, false, "the server closed the connection",
      serverThat<Conduct::CutMessages>},
     {"LinkNarrow", Place::Way, false, false, "",
-     [](World& world) {
-       return std::make_unique<Fault>([&] { world.way.setRate(60'000); }, [&] { world.way.setRate(1e12); });
+     [](World& world) {  // For four streams of 0.9 Mbit/s.
+       return onTheWay(world, &TwoMachines::publisher,
+                       "tc qdisc add dev wired0 root tbf rate 2mbit burst 8kb latency 200ms",
+                       "tc qdisc del dev wired0 root", [&](bool on) { world.way->setRate(on ? 60'000 : 1e12); });
      }},
 };
 
@@ -172,6 +184,7 @@ class Outage : public ::testing::TestWithParam<Pair> {
     if (!NginxServer::available()) {
       GTEST_SKIP() << "nginx with its RTMP module is not installed; scripts/setup installs it";
     }
+    world = std::make_unique<World>(either(Place::Way));
   }
 
   bool either(bool FaultRow::*what) const { return one->*what || (other != nullptr && other->*what); }
@@ -179,12 +192,12 @@ class Outage : public ::testing::TestWithParam<Pair> {
 
   /// A session that loses patience soon and three that never would, all of them up.
   void begin() {
-    const auto platform = world.platform();
     for (const auto& [stream, patience] : {std::pair<const char*, std::chrono::milliseconds>{"survivor", 700ms},
                                            {"stops", 60s},
                                            {"suspends", 60s},
                                            {"dies", 60s}}) {
-      sessions.push_back(Broadcast::start(platform, world.url(stream, either(Place::Way)), limits(patience)));
+      world->atPublisher(
+          [&] { sessions.push_back(Broadcast::start(world->platform, world->url(stream), limits(patience))); });
     }
     feed.setSessions(sessions);
     for (const auto& session : sessions) {
@@ -228,7 +241,7 @@ class Outage : public ::testing::TestWithParam<Pair> {
   const FaultRow* const other = GetParam().second;
   const bool broken = either(&FaultRow::breaks);
   const bool linkDown = one->name == std::string("LinkDown");
-  World world;
+  std::unique_ptr<World> world;
   Feed feed;
   std::vector<std::shared_ptr<Broadcast>> sessions;
 };
@@ -239,20 +252,20 @@ TEST_P(Outage, IsToldAndTheStreamGoesOn) {
   const auto filesBefore = openFiles();
   ASSERT_NO_FATAL_FAILURE(begin());
   if (broken) {
-    std::filesystem::rename(world.server.recording("survivor"), world.server.recording("before"));
+    std::filesystem::rename(world->server->recording("survivor"), world->server->recording("before"));
   }
   {
-    const auto first = one->begin(world);
-    const auto second = other != nullptr ? other->begin(world) : nullptr;
+    const auto first = one->begin(*world);
+    const auto second = other != nullptr ? other->begin(*world) : nullptr;
     waitForEffect();
     endThree();
   }
   recover();
 
   expectInOrder(sessions[0]->tap->take());
-  const auto after = expectPlayable(world.server.finishedRecording("survivor"));
+  const auto after = expectPlayable(world->server->finishedRecording("survivor"));
   if (broken) {
-    EXPECT_LT(expectPlayable(world.server.finishedRecording("before")).second, after.first);
+    EXPECT_LT(expectPlayable(world->server->finishedRecording("before")).second, after.first);
   }
   auto told = story().letters();
   EXPECT_EQ(std::erase(told, 'N'), linkDown ? 1U : 0U);
@@ -260,7 +273,7 @@ TEST_P(Outage, IsToldAndTheStreamGoesOn) {
   EXPECT_TRUE(std::regex_match(told, std::regex(broken ? "CK(UR(EXR)*K)+S" : "CKS"))) << told;
   if (broken && !linkDown) {
     // Behind a relay, a server that is not there looks like one that hangs up.
-    const bool relayed = one->name == std::string("ServerKilled") && either(Place::Way);
+    const bool relayed = one->name == std::string("ServerKilled") && world->way;
     EXPECT_GT(log.count(LogLevel::Error, relayed ? kHungUp : one->reason), 0U) << "nothing tells the reason";
   }
 

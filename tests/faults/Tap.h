@@ -55,6 +55,7 @@ class Tap {
       return open;
     }
     [[nodiscard]] bool isConnected() const override { return real_->isConnected(); }
+    [[nodiscard]] std::vector<std::string> hostAddresses() const override { return real_->hostAddresses(); }
     [[nodiscard]] std::int32_t streamId() const override { return real_->streamId(); }
     std::int32_t sendPacket(const RtmpMessage& message, RTMPError* error) override {
       const Message note{

@@ -1,19 +1,23 @@
 #pragma once
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "tests/faults/TwoMachines.h"
 #include "tests/support/Event.h"
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/NginxServer.h"
 #include "tests/support/Relay.h"
-#include "zellive/platform/linux/AsioQueues.h"
+#include "zellive/platform/linux/NetlinkReachability.h"
 
 namespace zellive::test {
 
@@ -47,42 +51,72 @@ class HurriedQueues : public QueueService {
   const std::shared_ptr<QueueService> real_ = defaultPlatform()->queues;
 };
 
-/// Knows every name, as this machine's, until it knows none.
+/// Knows every name, as `address`, until it knows none.
 struct Names : NameService {
   HostAddresses lookUp(const std::string&, std::uint16_t port) override {
-    return lost ? HostAddresses{{}, "Name or service not known"} : defaultPlatform()->names->lookUp("127.0.0.1", port);
+    return lost ? HostAddresses{{}, "Name or service not known"} : defaultPlatform()->names->lookUp(address, port);
   }
+  std::string address = "127.0.0.1";
   std::atomic<bool> lost = false;
 };
 
-/// A real server, what stands in front of it, the way there, and the machine at this end of it.
-struct World {
-  World() {
+/// A real server, what stands in front of it, and the publisher's machine. `apart`: with a network between them, real
+/// where this process may have one, else played by a relay.
+class World {
+ public:
+  explicit World(bool apart) {
     for (const auto& queue : {defaultPlatform()->queues->mainQueue(), defaultPlatform()->queues->globalQueue()}) {
       Event warm;  // Whatever the shared queues keep has been made.
       queue->after(0s, [&] { warm.set(); });
       (void)warm.wait();
     }
-  }
-  /// `longWay`: through the relay that plays the network.
-  [[nodiscard]] std::string url(const std::string& stream, bool longWay) const {
-    return "rtmp://stream.test:" + std::to_string(longWay ? way.port() : front.port()) + "/live/" + stream;
-  }
-  [[nodiscard]] std::shared_ptr<const Platform> platform() const {
-    auto set = std::make_shared<Platform>(*defaultPlatform());
-    set->queues = std::make_shared<HurriedQueues>();
-    set->notifications = notifications;
-    set->reachability = reachability;
-    set->names = names;
-    return set;
+    try {
+      machines = apart ? std::make_unique<TwoMachines>() : nullptr;
+    } catch (const std::runtime_error& reason) {
+      std::printf("%s; a relay plays the network\n", reason.what());
+    }
+    atServer([&] {
+      server = std::make_unique<NginxServer>();
+      front = std::make_unique<Relay>(server->rtmpPort(), machines ? INADDR_ANY : INADDR_LOOPBACK);
+    });
+    *platform = *defaultPlatform();
+    platform->queues = std::make_shared<HurriedQueues>();
+    platform->notifications = std::make_shared<NotificationCenter>();
+    platform->names = names;
+    if (machines) {
+      names->address = TwoMachines::serverAddress;
+      atPublisher(
+          [&] { platform->reachability = makeNetworkReachability(*platform->queues, platform->notifications); });
+    } else {
+      reachability = std::make_shared<SettableReachability>(platform->notifications);
+      platform->reachability = reachability;
+      way = apart ? std::make_unique<Relay>(front->port()) : nullptr;
+    }
   }
 
-  NginxServer server;
-  Relay front{server.rtmpPort()};
-  Relay way{front.port()};
+  [[nodiscard]] std::string url(const std::string& stream) const {
+    return "rtmp://stream.test:" + std::to_string((way ? way : front)->port()) + "/live/" + stream;
+  }
+  void atServer(const std::function<void()>& work) const { at(&TwoMachines::server, work); }
+  /// What work does and starts belongs to that machine.
+  void atPublisher(const std::function<void()>& work) const { at(&TwoMachines::publisher, work); }
+
+  std::unique_ptr<TwoMachines> machines;  ///< Null where there is no real network.
+  std::unique_ptr<NginxServer> server;
+  std::unique_ptr<Relay> front;
+  std::unique_ptr<Relay> way;                          ///< Null where there is a real network, or none.
+  std::shared_ptr<SettableReachability> reachability;  ///< Null where there is a real network.
   const std::shared_ptr<Names> names = std::make_shared<Names>();
-  const std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
-  const std::shared_ptr<SettableReachability> reachability = std::make_shared<SettableReachability>(notifications);
+  const std::shared_ptr<Platform> platform = std::make_shared<Platform>();
+
+ private:
+  void at(NetworkNamespace TwoMachines::*machine, const std::function<void()>& work) const {
+    std::optional<NetworkNamespace::Stay> inside;
+    if (machines) {
+      inside.emplace((*machines).*machine);
+    }
+    work();
+  }
 };
 
 /// Something that is wrong until this goes.

@@ -58,7 +58,8 @@ ssize_t pass(int from, int to, std::size_t room) {
 
 }  // namespace
 
-Relay::Relay(std::uint16_t serverPort) : serverPort_(serverPort), wakeUp_(eventfd(0, EFD_CLOEXEC)) {
+Relay::Relay(std::uint16_t serverPort, std::uint32_t address)
+    : serverPort_(serverPort), address_(address), wakeUp_(eventfd(0, EFD_CLOEXEC)) {
   openListener();
   thread_ = std::thread([this] { run(); });
 }
@@ -82,6 +83,7 @@ int Relay::bound() {
   setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   keepSmall(descriptor);
   LoopbackAddress address(AF_INET, port_);
+  address.four.sin_addr.s_addr = htonl(address_);
   socklen_t length = sizeof address.four;
   if (bind(descriptor, &address.any, length) != 0 || getsockname(descriptor, &address.any, &length) != 0) {
     throw std::runtime_error("the relay has no port");

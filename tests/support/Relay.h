@@ -1,5 +1,6 @@
 #pragma once
 
+#include <netinet/in.h>
 #include <poll.h>
 
 #include <cstddef>
@@ -25,7 +26,8 @@ class Relay {
     KeepName,     ///< Those that were open are gone for the client, and stay for the server. Others pass.
   };
 
-  explicit Relay(std::uint16_t serverPort);
+  /// `address`: whom it listens to, as the in_addr_t of an interface.
+  explicit Relay(std::uint16_t serverPort, std::uint32_t address = INADDR_LOOPBACK);
   ~Relay();
   Relay(const Relay&) = delete;
   Relay& operator=(const Relay&) = delete;
@@ -58,6 +60,7 @@ class Relay {
   void drop(Which which);
 
   const std::uint16_t serverPort_;
+  const std::uint32_t address_;
   std::uint16_t port_ = 0;
   std::mutex mutex_;
   const int reserved_ = bound();  ///< Keeps the port while nobody listens.
