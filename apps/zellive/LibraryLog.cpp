@@ -1,12 +1,17 @@
 #include "apps/zellive/LibraryLog.h"
 
+#include <charconv>
+#include <optional>
+#include <system_error>
+
+#include "zellive/transport/RtmpConnection.h"
+
 namespace zellive::tool {
 namespace {
 
-/// What people need not see: a connection's failure follows in plain words, and a stream with a URL has no live room.
+/// What people need not see: a connection's failure is told in plain words.
 bool isDetail(std::string_view message) {
-  return message.starts_with("Live: RTMP_") || message.starts_with("librtmp: ") ||
-         message.starts_with("Live: refresh push request error");
+  return message.starts_with("Live: RTMP_") || message.starts_with("librtmp: ");
 }
 
 /// "Live: RTMP connect 1 , handshake 2": there is a connection. What fails later is news, even when it fails at once.
@@ -14,11 +19,18 @@ bool tellsOfConnection(std::string_view message) {
   return message.starts_with("Live: RTMP connect ") && message.find(" , handshake ") != std::string_view::npos;
 }
 
-/// The words of "Live: RTMP connect error -3 message cannot connect"; empty for any other message.
-std::string_view connectErrorWords(std::string_view message) {
-  constexpr std::string_view words = " message ";
-  const auto at = message.starts_with("Live: RTMP connect error ") ? message.find(words) : std::string_view::npos;
-  return at == std::string_view::npos ? std::string_view() : message.substr(at + words.size());
+/// Removes `prefix` and the number after it from the text, if it begins so.
+std::optional<std::int64_t> takeNumber(std::string_view& text, std::string_view prefix) {
+  std::int64_t number = 0;
+  if (!text.starts_with(prefix)) {
+    return std::nullopt;
+  }
+  const auto [end, error] = std::from_chars(text.data() + prefix.size(), text.data() + text.size(), number);
+  if (error != std::errc()) {
+    return std::nullopt;
+  }
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+  return number;
 }
 
 }  // namespace
@@ -29,19 +41,35 @@ void LibraryLog::install() {
   });
 }
 
+/// True when it was a failed connection, which is told with what is being done about it.
+bool LibraryLog::handOn(std::string_view message) {
+  using Kind = SessionEvents::Event::Kind;
+  constexpr std::string_view words = " message ";
+  if (const auto code = takeNumber(message, "Live: RTMP connect error "); code && message.starts_with(words)) {
+    if (*code != RtmpFailureAborted) {
+      note_({Kind::Failure, *code, std::string(message.substr(words.size()))});
+    }
+    return true;
+  }
+  if (message == "Live: no network, its return is waited for") {
+    note_({Kind::NetworkOut, 0, {}});
+  } else if (const auto status = takeNumber(message, "Live: net reachabilityChange "); status.value_or(0) > 0) {
+    note_({Kind::NetworkChanged, *status, {}});
+  }
+  return false;
+}
+
 void LibraryLog::receive(LogLevel level, std::string_view message) {
+  if (handOn(message)) {
+    return;
+  }
   {
     const std::lock_guard lock(mutex_);
     if (tellsOfConnection(message)) {
-      lastConnectError_.clear();
       lastError_.clear();
       shown_.clear();
-    } else if (const auto words = connectErrorWords(message); !words.empty()) {
-      lastConnectError_ = words;
-      message = words;
-    } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_)) {
-      level = LogLevel::Information;
-    } else if (level == LogLevel::Error && isRepeated(message)) {
+    } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_) ||
+               (level == LogLevel::Error && isRepeated(message))) {
       level = LogLevel::Information;
     } else if (level == LogLevel::Error) {
       lastError_ = message.starts_with("Live: ") ? message.substr(6) : message;
@@ -62,11 +90,6 @@ bool LibraryLog::isRepeated(std::string_view message) {
 void LibraryLog::showWarnings() {
   const std::lock_guard lock(mutex_);
   warnings_ = true;
-}
-
-std::string LibraryLog::lastConnectError() const {
-  const std::lock_guard lock(mutex_);
-  return lastConnectError_;
 }
 
 std::string LibraryLog::lastError() const {

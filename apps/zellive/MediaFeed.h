@@ -39,6 +39,8 @@ class MediaFeed {
   bool step();
   /// Pushes a block of silence: what follows the media pushes its last frames out of the queues.
   void stepSilence();
+  /// Pictures due so far.
+  [[nodiscard]] std::int64_t pictures() const { return pictures_; }
   /// Pictures left out because the encoder was too far behind.
   [[nodiscard]] std::int64_t skipped() const { return skipped_; }
 

@@ -15,35 +15,51 @@ using Json = nlohmann::ordered_json;
 
 std::string toLine(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
+constexpr std::size_t shortestSecret = 6;
+
 double rounded(double value, double steps) { return std::round(value * steps) / steps; }
 
-std::string statusText(const StreamStatus& status) {
-  std::array<char, 200> text{};
-  std::snprintf(text.data(), text.size(), "%-12s %s  %6.0f kbit/s  %4.1f fps  queued %lld  dropped %lld",
-                status.state.c_str(), clockText(status.elapsed).c_str(), status.bitsPerSecond / 1000,
-                status.framesPerSecond, static_cast<long long>(status.queued), static_cast<long long>(status.dropped));
+Json orNull(const std::optional<double>& value, double steps) {
+  if (!value) {
+    return nullptr;
+  }
+  return steps > 1 ? Json(rounded(*value, steps)) : Json(std::llround(*value));
+}
+
+/// "  1536" or "     -".
+std::string figure(const std::optional<double>& value, int width, int decimals) {
+  std::array<char, 32> text{};
+  if (value) {
+    std::snprintf(text.data(), text.size(), "%*.*f", width, decimals, *value);
+  } else {
+    std::snprintf(text.data(), text.size(), "%*s", width, "-");
+  }
   return text.data();
 }
 
-void replaceAll(std::string& text, const std::string& part, const std::string& by) {
-  if (part.empty()) {
-    return;
-  }
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + by.size())) {
-    text.replace(at, part.size(), by);
-  }
+std::string statusText(const StreamStatus& status) {
+  std::array<char, 200> text{};
+  const auto kilobits = status.bitsPerSecond ? std::optional(*status.bitsPerSecond / 1000) : std::nullopt;
+  std::snprintf(text.data(), text.size(), "%-12s %s  %s kbit/s  %s fps  queued %lld  dropped %lld",
+                status.state.c_str(), clockText(status.elapsed).c_str(), figure(kilobits, 6, 0).c_str(),
+                figure(status.framesPerSecond, 4, 1).c_str(), static_cast<long long>(status.queued),
+                static_cast<long long>(status.dropped));
+  return text.data();
 }
 
-/// What follows the application's name; short ones are left alone, as "live" or "test" would tear words apart.
-std::string keyOf(const std::string& url) {
+/// The URL's parts that hold its owner's key: what follows the application's name, as a whole and up to the query.
+/// Short ones are left alone, as "live" or "test" would tear sentences apart.
+std::vector<std::string> secretsOf(const std::string& url) {
+  std::vector<std::string> secrets;
   const auto scheme = url.find("://");
-  const auto host = scheme == std::string::npos ? 0 : scheme + 3;
-  const auto application = url.find('/', host);
+  const auto application = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
   const auto key = application == std::string::npos ? application : url.find('/', application + 1);
-  if (key == std::string::npos || url.size() - key - 1 < 6) {
-    return {};
+  if (key != std::string::npos) {
+    secrets.push_back(url.substr(key + 1));
+    secrets.push_back(url.substr(key + 1, url.find('?', key) - key - 1));
   }
-  return url.substr(key + 1);
+  std::erase_if(secrets, [](const std::string& secret) { return secret.size() < shortestSecret; });
+  return secrets;
 }
 
 }  // namespace
@@ -83,15 +99,17 @@ Output::Output(Form form, bool verbose, std::string url, std::FILE* out, std::FI
       verbose_(verbose),
       url_(std::move(url)),
       shownUrl_(maskedUrl(url_)),
-      key_(keyOf(url_)),
+      secrets_(secretsOf(url_)),
       out_(out),
       err_(err) {}
 
 std::string Output::withoutKey(std::string_view text) const {
   std::string shown(text);
-  replaceAll(shown, url_, shownUrl_);
-  replaceAll(shown, key_, "***");
-  return shown;
+  for (auto at = shown.find(url_); at != std::string::npos && !url_.empty(); at = shown.find(url_, at)) {
+    shown.replace(at, url_.size(), shownUrl_);
+    at += shownUrl_.size();
+  }
+  return maskSecrets(std::move(shown), secrets_);
 }
 
 void Output::clearLine() {
@@ -132,8 +150,8 @@ void Output::status(const StreamStatus& status) {
     printLine(out_, toLine({{"type", "status"},
                             {"state", status.state},
                             {"elapsed", rounded(status.elapsed.count(), 1000)},
-                            {"bit_rate", std::llround(status.bitsPerSecond)},
-                            {"frame_rate", rounded(status.framesPerSecond, 100)},
+                            {"bit_rate", orNull(status.bitsPerSecond, 1)},
+                            {"frame_rate", orNull(status.framesPerSecond, 100)},
                             {"queued", status.queued},
                             {"dropped", status.dropped},
                             {"encoder_bit_rate", status.encoderBitRate}}));
@@ -162,6 +180,36 @@ void Output::error(std::uint64_t code, std::string_view text) {
     printLine(out_, toLine({{"type", "error"}, {"code", code}, {"message", withoutKey(text)}}));
   }
   printLine(err_, "zellive: " + withoutKey(text));
+}
+
+void Output::trouble(const Trouble& trouble) {
+  const std::lock_guard lock(mutex_);
+  if (form_ == Form::Json) {
+    Json object{{"type", trouble.code != 0 ? "error" : "trouble"}};
+    if (trouble.code != 0) {
+      object["code"] = trouble.code;
+    }
+    object["kind"] = trouble.kind;
+    object["message"] = withoutKey(trouble.reason);
+    if (trouble.retry != 0) {
+      object["retry"] = trouble.retry;
+      object["retries"] = trouble.retries;
+    }
+    if (trouble.seconds != 0) {
+      object["seconds"] = trouble.seconds;
+    }
+    printLine(out_, toLine(object));
+  }
+  printLine(err_, "zellive: " + withoutKey(trouble.text));
+}
+
+void Output::recovered(std::chrono::duration<double> after, const StreamStatus& status) {
+  const std::lock_guard lock(mutex_);
+  if (form_ == Form::Json) {
+    printLine(out_, toLine({{"type", "recovered"}, {"seconds", rounded(after.count(), 1000)}}));
+  } else {
+    printLine(out_, clockText(status.elapsed) + " back after " + std::to_string(std::llround(after.count())) + " s");
+  }
 }
 
 void Output::log(LogLevel level, std::string_view text) {

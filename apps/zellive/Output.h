@@ -4,9 +4,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "apps/zellive/Troubles.h"
 #include "zellive/platform/Log.h"
 
 namespace zellive::tool {
@@ -15,8 +18,8 @@ namespace zellive::tool {
 struct StreamStatus {
   std::string state;
   std::chrono::duration<double> elapsed{};  ///< Since the program began to connect.
-  double bitsPerSecond = 0;                 ///< Of what was sent.
-  double framesPerSecond = 0;               ///< Of what was sent.
+  std::optional<double> bitsPerSecond{};    ///< Of what was sent; none before the first figures.
+  std::optional<double> framesPerSecond{};  ///< As above.
   std::int64_t queued = 0;                  ///< Frames waiting to be sent.
   std::int64_t dropped = 0;                 ///< Frames dropped by the send buffer, and pictures that came too fast.
   std::uint64_t encoderBitRate = 0;         ///< What the video encoder is set to, bits per second.
@@ -36,6 +39,9 @@ class Output {
   void status(const StreamStatus& status);
   void stateChanged(std::uint64_t state, const StreamStatus& status);
   void error(std::uint64_t code, std::string_view text);
+  void trouble(const Trouble& trouble);
+  /// The stream is up again.
+  void recovered(std::chrono::duration<double> after, const StreamStatus& status);
   /// A message of the library.
   void log(LogLevel level, std::string_view text);
   /// Ends the line that is updated in place.
@@ -50,7 +56,7 @@ class Output {
   const bool verbose_;
   const std::string url_;
   const std::string shownUrl_;
-  std::string key_;
+  const std::vector<std::string> secrets_;
   std::FILE* const out_;
   std::FILE* const err_;
   std::mutex mutex_;

@@ -20,6 +20,13 @@ constexpr int tailLength = 8;
 /// Pictures that have not come out of the encoder after so long never will.
 constexpr auto encoderPatience = 2s;
 
+/// Failures are told on the threads where they happen, states on the main queue: by way of it all come in order.
+LibraryLog::Note inOrder(const std::shared_ptr<SessionEvents>& events) {
+  return [events, queue = defaultPlatform()->queues->mainQueue()](SessionEvents::Event event) {
+    queue->async([events, event = std::move(event)] { events->note(event); });
+  };
+}
+
 }  // namespace
 
 Publisher::Publisher(const PublishOptions& options, MediaSource& source,
@@ -30,10 +37,11 @@ Publisher::Publisher(const PublishOptions& options, MediaSource& source,
       video_(std::move(video)),
       output_(std::move(output)),
       waker_(std::move(waker)),
-      log_(std::make_shared<LibraryLog>(output_)),
       events_(std::make_shared<SessionEvents>(waker_)),
+      log_(std::make_shared<LibraryLog>(output_, inOrder(events_))),
       feed_(source_, *this, video_->videoFrameRate()),
-      pacer_(maximumLag) {
+      pacer_(maximumLag),
+      troubles_(maskedUrl(options_.url), options_.reconnectInterval, options_.reconnectCount) {
   log_->install();
 }
 
@@ -55,6 +63,10 @@ int Publisher::run() {
     }
     if (waker_->endRequested()) {
       phase_ = Phase::Ended;
+      handleEvents();
+      if (const auto reason = troubles_.nothingPublished(); !reason.empty() && exitStatus_ == 0) {
+        fail(0, reason);
+      }
     }
   }
   waker_->releaseSignals();
@@ -106,13 +118,33 @@ void Publisher::handleEvents() {
     }
   }
   bufferCount_ = batch.bufferCount.value_or(bufferCount_);
-  for (const auto code : batch.errors) {
-    if (code == ZelStreamSocketErrorNetworkUnreachable) {
-      output_->error(code, "the network is unreachable; the stream goes on when it is back");
-    }
+  for (const auto& event : batch.events) {
+    handle(event);
   }
-  for (const auto state : batch.states) {
-    handleState(state);
+}
+
+void Publisher::handle(const SessionEvents::Event& event) {
+  using Kind = SessionEvents::Event::Kind;
+  switch (event.kind) {
+    case Kind::State:
+      handleState(static_cast<std::uint64_t>(event.code));
+      break;
+    case Kind::Error:
+      if (event.code == ZelStreamSocketErrorNetworkUnreachable) {
+        output_->trouble(troubles_.networkGone(Waker::now()));
+      }
+      break;
+    case Kind::Failure:
+      if (const auto trouble = troubles_.connectionFailed(event.code, event.words, Waker::now())) {
+        output_->trouble(*trouble);
+      }
+      break;
+    case Kind::NetworkOut:
+      troubles_.networkIsOut();
+      break;
+    case Kind::NetworkChanged:
+      output_->trouble(troubles_.networkChanged(Waker::now()));
+      break;
   }
 }
 
@@ -121,25 +153,24 @@ void Publisher::handleState(std::uint64_t state) {
   state_ = state;
   output_->stateChanged(state, status(now));
   if (state == ZelStreamSocketStatusConnected) {
-    wasConnected_ = true;
+    if (const auto outage = troubles_.connected(now)) {
+      output_->recovered(*outage, status(now));
+    }
     if (phase_ == Phase::Waiting) {
       phase_ = Phase::Streaming;
       phaseStart_ = now;
       pacer_.start(now);
     }
-  } else if (state == ZelStreamSocketStatusError) {
-    fail(ZelStreamSocketErrorReconnectExhausted, connectFailure());
+  } else if (state == ZelStreamSocketStatusReconnecting) {
+    troubles_.attemptBegins();
+  } else if (state == ZelStreamSocketStatusError && troubles_.hasFailed()) {
+    output_->trouble(troubles_.givenUp());
+    exitStatus_ = 1;
+    phase_ = Phase::Ended;
   } else if (state == ZelLiveSessionStateNoVideo && phase_ == Phase::Streaming && now - phaseStart_ > encoderPatience) {
     const auto reason = log_->lastError();
     fail(state, "no picture could be encoded" + (reason.empty() ? "" : ": " + reason));
   }
-}
-
-std::string Publisher::connectFailure() const {
-  const std::string reason = log_->lastConnectError();
-  const std::string what = wasConnected_ ? "the connection to " + maskedUrl(options_.url) + " was lost"
-                                         : "cannot publish to " + maskedUrl(options_.url);
-  return reason.empty() ? what : what + ": " + reason;
 }
 
 void Publisher::fail(std::uint64_t code, const std::string& reason) {
@@ -156,9 +187,11 @@ void Publisher::feed(Waker::Duration now) {
     } else if (!feed_.step()) {
       if (const auto failure = source_.failure(); !failure.empty()) {
         fail(0, failure);
-        return;
+      } else if (feed_.pictures() < 2) {
+        fail(0, options_.input + " holds a single picture, which is over at once; --loop keeps it on");
+      } else {
+        endOfMedia();
       }
-      endOfMedia();
     }
   } else if (phase_ == Phase::Tail && pacer_.due(feed_.position(), now) <= now) {
     feed_.stepSilence();
@@ -168,6 +201,9 @@ void Publisher::feed(Waker::Duration now) {
     }
   } else if (phase_ == Phase::Draining && drained(now)) {
     phase_ = Phase::Ended;
+    if (troubles_.isDown()) {
+      fail(0, "the end was not published: there was no connection");
+    }
   }
 }
 
@@ -200,7 +236,7 @@ Waker::Duration Publisher::wakeTime(Waker::Duration now) {
 
 StreamStatus Publisher::status(Waker::Duration now) const {
   StreamStatus status;
-  status.state = stateName(state_);
+  status.state = troubles_.isDown() && state_ == ZelStreamSocketStatusConnected ? "waiting" : stateName(state_);
   status.elapsed = now - startTime_;
   meter_.read(status, now);
   status.dropped +=

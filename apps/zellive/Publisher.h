@@ -11,6 +11,7 @@
 #include "apps/zellive/Pacer.h"
 #include "apps/zellive/SessionEvents.h"
 #include "apps/zellive/StatusMeter.h"
+#include "apps/zellive/Troubles.h"
 #include "apps/zellive/Waker.h"
 
 namespace zellive::tool {
@@ -34,6 +35,7 @@ class Publisher : private MediaSink {
   void start();
   void stop();
   void handleEvents();
+  void handle(const SessionEvents::Event& event);
   void handleState(std::uint64_t state);
   void fail(std::uint64_t code, const std::string& reason);
   void feed(Waker::Duration now);
@@ -41,7 +43,6 @@ class Publisher : private MediaSink {
   void showStatus(Waker::Duration now);
   [[nodiscard]] Waker::Duration wakeTime(Waker::Duration now);
   [[nodiscard]] StreamStatus status(Waker::Duration now) const;
-  [[nodiscard]] std::string connectFailure() const;
   [[nodiscard]] bool drained(Waker::Duration now) const;
 
   /// What the media is doing.
@@ -58,12 +59,13 @@ class Publisher : private MediaSink {
   const std::shared_ptr<ZelLiveVideoConfiguration> video_;
   const std::shared_ptr<Output> output_;
   const std::shared_ptr<Waker> waker_;
-  const std::shared_ptr<LibraryLog> log_;
   const std::shared_ptr<SessionEvents> events_;
+  const std::shared_ptr<LibraryLog> log_;
   std::shared_ptr<ZelLiveSession> session_;
   MediaFeed feed_;
   Pacer pacer_;
   StatusMeter meter_;
+  Troubles troubles_;
 
   Phase phase_ = Phase::Waiting;
   Waker::Duration phaseStart_{};
@@ -73,7 +75,6 @@ class Publisher : private MediaSink {
   std::uint64_t state_ = 0;
   std::uint64_t bufferCount_ = 0;
   std::uint64_t droppedBySession_ = 0;  ///< Once it has ended.
-  bool wasConnected_ = false;
   int exitStatus_ = 0;
 };
 

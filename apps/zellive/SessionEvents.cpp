@@ -18,12 +18,16 @@ void SessionEvents::add(Change change) {
   waker_->wake();
 }
 
+void SessionEvents::note(Event event) {
+  add([&](Batch& batch) { batch.events.push_back(std::move(event)); });
+}
+
 void SessionEvents::liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) {
-  add([&](Batch& batch) { batch.states.push_back(state); });
+  note({Event::Kind::State, static_cast<std::int64_t>(state), {}});
 }
 
 void SessionEvents::liveSessionErrorCode(ZelLiveSession&, std::uint64_t code) {
-  add([&](Batch& batch) { batch.errors.push_back(code); });
+  note({Event::Kind::Error, static_cast<std::int64_t>(code), {}});
 }
 
 void SessionEvents::liveSessionLiveBufferCount(ZelLiveSession&, std::uint64_t count) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "apps/zellive/Waker.h"
@@ -11,16 +12,27 @@
 
 namespace zellive::tool {
 
-/// Brings what a session tells its delegate to the program's own thread.
+/// Brings what a session tells its delegate, and what the library tells of its connection, to the program's own thread.
 class SessionEvents : public ZelLiveSessionDelegate {
  public:
+  struct Event {
+    enum class Kind {
+      State,           ///< `code` is the session's state.
+      Error,           ///< `code` is the session's error.
+      Failure,         ///< A connection failed: an RtmpFailure, and words.
+      NetworkOut,      ///< The library waits for the network.
+      NetworkChanged,  ///< The network is back, or another.
+    };
+    Kind kind = Kind::State;
+    std::int64_t code = 0;
+    std::string words;
+  };
   struct Batch {
     struct Report {
       ZelLiveDebug info;
       Waker::Duration time;
     };
-    std::vector<std::uint64_t> states;
-    std::vector<std::uint64_t> errors;
+    std::vector<Event> events;     ///< In the order in which they came.
     std::optional<Report> report;  ///< The last one.
     std::optional<std::uint64_t> bufferCount;
   };
@@ -29,6 +41,8 @@ class SessionEvents : public ZelLiveSessionDelegate {
 
   /// What has come since the last call.
   [[nodiscard]] Batch take();
+  /// Thread-safe.
+  void note(Event event);
 
   void liveSessionLiveStateDidChange(ZelLiveSession& session, std::uint64_t state) override;
   void liveSessionErrorCode(ZelLiveSession& session, std::uint64_t code) override;

@@ -24,9 +24,11 @@ void StatusMeter::report(const ZelLiveDebug& info, Duration now) {
 }
 
 void StatusMeter::read(StreamStatus& status, Duration now) const {
-  const bool fresh = hasRates_ && now - time_ < silence;
-  status.bitsPerSecond = fresh ? bitsPerSecond_ : 0;
-  status.framesPerSecond = fresh ? framesPerSecond_ : 0;
+  const bool fresh = now - time_ < silence;
+  if (hasRates_) {
+    status.bitsPerSecond = fresh ? bitsPerSecond_ : 0;
+    status.framesPerSecond = fresh ? framesPerSecond_ : 0;
+  }
   status.queued = queued_;
   status.dropped = dropped_;
 }

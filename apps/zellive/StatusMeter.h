@@ -14,7 +14,8 @@ class StatusMeter {
 
   /// A report of the session's that came at `now`.
   void report(const ZelLiveDebug& info, Duration now);
-  /// Writes rates and counts into `status`; rates are 0 when no report has come for a while.
+  /// Writes rates and counts into `status`; rates are not known at first, and 0 when no
+  /// report has come for a while.
   void read(StreamStatus& status, Duration now) const;
   [[nodiscard]] bool hasRates() const { return hasRates_; }
 

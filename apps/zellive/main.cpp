@@ -9,6 +9,7 @@
 
 #include "apps/zellive/ClipSource.h"
 #include "apps/zellive/CommandLine.h"
+#include "apps/zellive/EncoderTrial.h"
 #include "apps/zellive/Output.h"
 #include "apps/zellive/Publisher.h"
 #include "apps/zellive/StreamSettings.h"
@@ -18,6 +19,7 @@ namespace zellive::tool {
 namespace {
 
 constexpr int failureStatus = 1;
+constexpr int usageStatus = 2;
 
 std::unique_ptr<MediaSource> openSource(const PublishOptions& options, std::string& error) {
   if (!options.input.empty()) {
@@ -53,6 +55,10 @@ int publish(const PublishOptions& options) {
     return failureStatus;
   }
   auto video = makeVideoConfiguration(options, source->pictureSize(), source->frameRate());
+  if (const auto refusal = tryEncoder(options, *video); !refusal.empty()) {
+    output->error(0, refusal);
+    return options.encoder.empty() && options.preset.empty() ? failureStatus : usageStatus;
+  }
   output->note(announcement(options, *video));
   Publisher publisher(options, *source, std::move(video), output, std::make_shared<Waker>());
   return publisher.run();

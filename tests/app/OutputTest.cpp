@@ -27,6 +27,7 @@ TEST(OutputTest, NeverShowsTheKeyAndKeepsLinesWhole) {
     output.status({.state = "connected", .elapsed = 65s});
     output.note(std::string("publishing to ") + url);
     output.log(LogLevel::Information, std::string("Live: details of ") + url);
+    output.trouble({"refused", std::string("refused: ") + url, std::string("refused: ") + url, 0, 1, 2, 5});
     output.error(205, "app/secret-stream?token=42 refused \xff \"quotes\"\nand a line");
     output.finish();
     const auto said = contents(out);
@@ -38,25 +39,41 @@ TEST(OutputTest, NeverShowsTheKeyAndKeepsLinesWhole) {
     if (form == Output::Form::Terminal) {
       const auto line = said.substr(0, said.find('\r'));
       const std::string clear = "\r\x1b[K";
-      EXPECT_NE(line.find("00:01:05"), std::string::npos);
-      EXPECT_EQ(said,
-                line + clear + "publishing to " + maskedUrl(url) + "\n" + line + clear + line + clear + line + "\n");
+      EXPECT_EQ(line, "connected    00:01:05       - kbit/s     - fps  queued 0  dropped 0");
+      EXPECT_EQ(said, line + clear + "publishing to " + maskedUrl(url) + "\n" + line + clear + line + clear + line +
+                          clear + line + "\n");
+    } else if (form == Output::Form::Json) {
+      EXPECT_NE(said.find(R"({"type":"trouble","kind":"refused","message":"refused: )"), std::string::npos) << said;
+      EXPECT_NE(said.find(R"(,"retry":1,"retries":2,"seconds":5})"), std::string::npos) << said;
     }
   }
 }
 
-TEST(LibraryLogTest, TellsWhyAConnectionFailedAndHoldsBackWhatIsNoNews) {
+TEST(LibraryLogTest, HandsOnWhatConcernsTheConnectionAndHoldsBackWhatIsNoNews) {
   std::FILE* err = std::tmpfile();
-  auto log = std::make_shared<LibraryLog>(std::make_shared<Output>(Output::Form::Lines, false, url, err, err));
+  std::string handedOn;
+  auto log = std::make_shared<LibraryLog>(
+      std::make_shared<Output>(Output::Form::Lines, false, url, err, err), [&](const SessionEvents::Event& event) {
+        handedOn += std::to_string(static_cast<int>(event.kind)) + " " + std::to_string(event.code) + event.words + ";";
+      });
   log->receive(LogLevel::Warning, "Live: early warning");
   log->receive(LogLevel::Error, "Live: RTMP_Connect() failed");
-  log->receive(LogLevel::Error, "Live: RTMP connect error -3 message host refused the connection");
-  EXPECT_EQ(log->lastConnectError(), "host refused the connection");
-  log->receive(LogLevel::Information, "Live: RTMP connect 1 , handshake 2");
-  EXPECT_EQ(log->lastConnectError(), "");
+  log->receive(LogLevel::Error, "Live: RTMP connect error -3 message nobody there");
+  log->receive(LogLevel::Information, "Live: RTMP connect error -10 message given up");
+  log->receive(LogLevel::Information, "Live: no network, its return is waited for");
+  log->receive(LogLevel::Information, "Live: net reachabilityChange 0");
+  log->receive(LogLevel::Information, "Live: net reachabilityChange 2");
+  EXPECT_EQ(handedOn, "2 -3nobody there;3 0;4 2;");
+  for (int i = 0; i < 2; ++i) {
+    log->receive(LogLevel::Error, "Live: no encoder");
+    EXPECT_EQ(log->lastError(), "no encoder");
+    log->receive(LogLevel::Error, "Live: no encoder");
+    log->receive(LogLevel::Information, "Live: RTMP connect 1 , handshake 2");
+    EXPECT_EQ(log->lastError(), "");
+  }
   log->showWarnings();
   log->receive(LogLevel::Warning, "Live: late warning");
-  EXPECT_EQ(contents(err), "zellive: error: host refused the connection\nzellive: warning: late warning\n");
+  EXPECT_EQ(contents(err), "zellive: error: no encoder\nzellive: error: no encoder\nzellive: warning: late warning\n");
 }
 
 }  // namespace

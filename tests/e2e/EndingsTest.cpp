@@ -26,7 +26,7 @@ void expectReason(const std::string& url, const std::string& told, const std::st
 
 TEST_F(ServerTest, AStreamThatNobodyTakesEndsWithAReason) {
   expectReason(local(freePort()), "Connection refused", "--verbose");
-  expectReason(server->url(key, "closed"), "the server closed the connection", "--verbose");
+  expectReason(server->url(key, "closed"), "the server refuses the stream: it closed the connection", "--verbose");
   Process first(toolCommand(server->url(key), {"--test-card", "--size", "160x90", "--json"}));
   ASSERT_TRUE(first.waitForText("\"type\":\"status\"", 10s));
   expectReason(server->url(key), "Already publishing", "--json");
@@ -78,6 +78,21 @@ TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
   ASSERT_TRUE(tool.waitForText("connecting", 10s)) << tool.errors();
   tool.signal(SIGINT);
   expectEnd(tool, 0, 4s);
+  Process failing(toolCommand(local(freePort()), {"--test-card"}));
+  ASSERT_TRUE(failing.waitForText("refused (retry 1 of 2 in 5 s)", 10s)) << failing.errors();
+  failing.signal(SIGINT);
+  expectEnd(failing, 1, 4s);
+  EXPECT_NE(failing.errors().find("nothing was published"), std::string::npos) << failing.errors();
+}
+
+TEST_F(ServerTest, ASinglePictureIsNoStreamUnlessItIsRepeated) {
+  const TemporaryDirectory directory;
+  const auto picture = directory.path() + "/picture.png";
+  ASSERT_EQ(runProgram({"ffmpeg", "-v", "error", "-i", clip, "-frames:v", "1", picture}).status, 0);
+  const auto run = runProgram(toolCommand(server->url(key), {"--input", picture}));
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.errors.find("holds a single picture"), std::string::npos) << run.errors;
+  EXPECT_EQ(runProgram(toolCommand(server->url(key), {"--input", picture, "--loop", "--duration", "1"})).status, 0);
 }
 
 TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
@@ -89,6 +104,7 @@ TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
     expectNoKey(run.output + run.errors);
   };
   expectMistake({"--input", "/nonexistent/clip.mp4"}, 1, "No such file");
+  expectMistake({"--test-card", "--preset", "foo"}, 2, "has no preset \"foo\"");
   expectMistake({}, 2, "--input");
 }
 

@@ -73,6 +73,12 @@ TEST(NetworkChangeTest, IsNoticedWithinASecondAndRebuildsTheConnectionOnce) {
     const auto text = tool->errors();
     EXPECT_EQ(text[text.rfind("net reachabilityChange ") + 23], static_cast<char>('0' + status)) << what;
   }
+  for (const auto& [words, times] : {std::pair{"the network is gone; waiting", 2},
+                                     {"the network is back; connecting", 2},
+                                     {"the network has changed; connecting", 1}}) {
+    EXPECT_EQ(count(tool->errors(), words), times) << words << '\n' << tool->errors();
+  }
+  EXPECT_EQ(count(tool->output(), "\"type\":\"recovered\""), 3) << tool->output();
   tool->signal(SIGINT);
   expectEnd(*tool, 0, 5s);
   EXPECT_FALSE(FlvFile(nginx->finishedRecording("moving")).mediaTags(FlvTag::Video).empty());

@@ -29,6 +29,9 @@ TEST(DefaultPlatform, IsOneCompleteSetForTheWholeProcess) {
 TEST(DefaultPlatform, LoggedOutAccountRefusesOnTheAnswerQueue) {
   const auto platform = defaultPlatform();
   const auto account = platform->companion->loginManager()->activeAccount();
+  account->getLivePushUrlWithRoomId("", [](const QMZError&, std::uint64_t code, const auto& response) {
+    EXPECT_TRUE(code == 200 && !response) << "there is no room to refuse";
+  });
   account->getLivePullUrlWithRoomId("room", {});  // Nobody waits for this one.
   std::promise<std::pair<std::uint64_t, bool>> answer;
   account->getLivePushUrlWithRoomId("room", [&](const QMZError&, std::uint64_t code, const auto& response) {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "tests/transport/Fixtures.h"
-#include "zellive/transport/LibrtmpScope.h"
+#include "zellive/platform/Log.h"
 #include "zellive/transport/RtmpUrl.h"
 #include "zellive/transport/ServerMessageCheck.h"
 
@@ -70,6 +70,9 @@ TEST(Secrets, NoReadingOfTheUrlShowsTheKey) {
       {"rtmp://host/live?token=abc/thekey", "app live?token=abc, name thekey", "app live?***, name ***"},
       {"rtmp://host/live/" + key, key.substr(0, 20) + "; " + key + key + "!", "***; ******!"},
       {"rtmp://host/live/a/b/thekey", "a/b/thekey", "a/b/***"},
+      {"rtmp://host/live/stream", "NetStream refuses stream, upstream streams",
+       "NetStream refuses ***, upstream streams"},
+      {"rtmp://host/live/stream1", "upstream1", "up***"},
   };
   for (const auto& [url, text, shown] : cases) {
     RtmpUrl parsed;

@@ -7,6 +7,7 @@
 namespace zellive {
 namespace {
 
+constexpr std::uint64_t kSuccess = 200;
 constexpr std::uint64_t kUnauthorized = 401;
 
 class LoggedOutAccount : public QMZAccount {
@@ -19,8 +20,13 @@ class LoggedOutAccount : public QMZAccount {
   void initLiveRoomIdWithParams(const QMZDictionary&, QMZCompletion completion) override {
     refuse(std::move(completion));
   }
-  void getLivePushUrlWithRoomId(const std::string&, QMZCompletion completion) override {
-    refuse(std::move(completion));
+  void getLivePushUrlWithRoomId(const std::string& roomId, QMZCompletion completion) override {
+    if (!roomId.empty()) {
+      refuse(std::move(completion));
+    } else if (completion) {
+      // A stream without a room keeps the URL that it has: nothing to hand out, and nothing wrong.
+      answers_->async([completion = std::move(completion)] { completion({}, kSuccess, std::nullopt); });
+    }
   }
   void getLivePullUrlWithRoomId(const std::string&, QMZCompletion completion) override {
     refuse(std::move(completion));

@@ -76,7 +76,8 @@ class QMZNetworkState {
 
 class Queue;
 
-/// A companion whose account is not logged in and answers every request with an error (code 401), on `answers`.
+/// A companion whose account is not logged in and answers every request with an error (code 401), on
+/// `answers`; asked for the push URL of no room (an empty id), it has none to tell.
 [[nodiscard]] std::shared_ptr<QMZSdwan> makeLoggedOutSdwan(std::shared_ptr<Queue> answers);
 
 }  // namespace zellive

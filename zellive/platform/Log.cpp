@@ -26,8 +26,13 @@ HandlerHolder& holder() {
 }
 
 constexpr std::string_view kMask = "***";
+constexpr std::size_t kShortestSecret = 4;
+/// So much of the beginning of a secret is masked too: libraries cut long texts short.
+constexpr std::size_t kTellingPart = 16;
 
 bool isAlphanumeric(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
+
+bool isLetter(char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; }
 
 bool consistsOf(std::string_view text, std::string_view othersAllowed) {
   for (const char c : text) {
@@ -156,6 +161,28 @@ std::string maskedUrl(std::string_view url) {
   }
   const auto pathEnd = std::min(rest.find_first_of("?# \t\r\n"), rest.size());
   return host + maskedPath(rest.substr(0, pathEnd));
+}
+
+std::string maskSecrets(std::string text, const std::vector<std::string>& secrets) {
+  for (const std::string& secret : secrets) {
+    if (secret.size() < kShortestSecret) {
+      continue;
+    }
+    const bool isWord = secret.size() <= kTellingPart && std::ranges::all_of(secret, isLetter);
+    const auto begin = std::string_view(secret).substr(0, kTellingPart);
+    for (std::size_t at = text.find(begin); at != std::string::npos;) {
+      const auto from = text.begin() + static_cast<std::ptrdiff_t>(at);
+      const auto end = std::mismatch(from, text.end(), secret.begin(), secret.end()).first;
+      if (isWord && ((at > 0 && isLetter(text[at - 1])) || (end != text.end() && isLetter(*end)))) {
+        at += begin.size();
+      } else {
+        text.replace(from, end, kMask);
+        at += kMask.size();
+      }
+      at = text.find(begin, at);
+    }
+  }
+  return text;
 }
 
 bool sampled(unsigned n) {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zellive {
 
@@ -33,6 +34,11 @@ void defaultLogHandler(LogLevel level, std::string_view function, int line, std:
 /// The URL with its last path component, query and user information replaced by "***": these hold its owner's key.
 /// Whatever does not look like a plain URL is replaced from there on.
 [[nodiscard]] std::string maskedUrl(std::string_view url);
+
+/// `text` with each secret, also one that was cut short after 16 characters, replaced by "***". Secrets of fewer than
+/// four characters hide nothing and are left alone. One of up to 16 letters and nothing else may be an ordinary word:
+/// it is left alone inside longer words.
+[[nodiscard]] std::string maskSecrets(std::string text, const std::vector<std::string>& secrets);
 
 /// True for about one call in `n`, at random; for messages of hot paths. Thread-safe.
 [[nodiscard]] bool sampled(unsigned n);

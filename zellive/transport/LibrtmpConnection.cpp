@@ -240,7 +240,12 @@ bool LibrtmpConnection::waitForChunk(RTMPError* error) {
                   "the server did not answer within " + inSeconds(options_.receiveLimit) + " while opening the stream");
     }
     if (inbox_.fill() == LibrtmpInbox::Fill::Closed) {
-      return fail(error, RtmpFailureClosed, "the server closed the connection while opening the stream");
+      // Between our wish to publish and the server's answer this is how some servers say no.
+      return rtmp_->m_stream_id > 0
+                 ? fail(error, RtmpFailureRefused,
+                        "the server refuses the stream: it closed the connection when asked to publish; is the key "
+                        "right?")
+                 : fail(error, RtmpFailureClosed, "the server closed the connection while opening the stream");
     }
   }
 }

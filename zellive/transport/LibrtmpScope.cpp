@@ -3,7 +3,6 @@
 #include <librtmp/log.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdarg>
@@ -17,9 +16,6 @@
 namespace zellive {
 namespace {
 
-constexpr std::size_t kShortestSecret = 4;
-/// So much of the beginning of a secret is masked too: librtmp cuts long texts short.
-constexpr std::size_t kTellingPart = 16;
 constexpr int kLevels = 7;
 
 thread_local const Secrets* secretsInForce = nullptr;
@@ -58,21 +54,6 @@ void takeLogOver() {
 }
 
 }  // namespace
-
-std::string maskSecrets(std::string text, const Secrets& secrets) {
-  constexpr std::string_view mask = "***";
-  for (const std::string& secret : secrets) {
-    if (secret.size() < kShortestSecret) {
-      continue;
-    }
-    const auto begin = std::string_view(secret).substr(0, kTellingPart);
-    for (std::size_t at = text.find(begin); at != std::string::npos; at = text.find(begin, at + mask.size())) {
-      const auto from = text.begin() + static_cast<std::ptrdiff_t>(at);
-      text.replace(from, std::mismatch(from, text.end(), secret.begin(), secret.end()).first, mask);
-    }
-  }
-  return text;
-}
 
 LibrtmpScope::LibrtmpScope(const Secrets& secrets) : former_(std::exchange(secretsInForce, &secrets)) {
   takeLogOver();

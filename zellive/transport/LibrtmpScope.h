@@ -8,10 +8,6 @@ namespace zellive {
 /// Texts that must not reach a log: stream keys and query strings.
 using Secrets = std::vector<std::string>;
 
-/// `text` with each secret, also one that was cut short after 16 characters, replaced by "***"; secrets of fewer than
-/// four characters hide nothing and are left alone.
-[[nodiscard]] std::string maskSecrets(std::string text, const Secrets& secrets);
-
 /// Stands around calls into librtmp on one thread: keeps SIGPIPE off that thread (blocked once, for the thread's life:
 /// librtmp sends without MSG_NOSIGNAL) and sends librtmp's log, with the secrets masked, to ours.
 class LibrtmpScope {

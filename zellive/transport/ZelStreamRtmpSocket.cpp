@@ -231,6 +231,9 @@ LogLevel ZelStreamRtmpSocket::failureLevel() const { return stopRequested_ ? Log
 void ZelStreamRtmpSocket::rtmpError(const RTMPError& error) {
   if (error.code < 0) {
     isConnected_ = false;  // The steps posted already keep their frames.
+    if (!isStoped_ && !reachability_->isReachable()) {
+      ZEL_LOG_INFO("Live: no network, its return is waited for");
+    }
     ZEL_LOG(failureLevel(), "Live: RTMP connect error %d message %s", error.code, error.message.c_str());
     reconnect();
   }

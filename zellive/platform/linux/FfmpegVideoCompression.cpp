@@ -43,6 +43,12 @@ int tryEncoder(const VideoEncoderKind& kind) {
   return encoded ? 0 : AVERROR_EXTERNAL;
 }
 
+bool hasPreset(const VideoEncoderKind& kind, const std::string& preset) {
+  return preset.empty() || kind.presets == nullptr ||
+         (preset.find(' ') == std::string::npos &&
+          (" " + std::string(kind.presets) + " ").find(" " + preset + " ") != std::string::npos);
+}
+
 class FfmpegVideoCompression final : public VideoCompressionService {
  public:
   std::unique_ptr<VideoCompressionSession> create(const VideoCompressionSettings& settings,
@@ -102,6 +108,12 @@ class FfmpegVideoCompression final : public VideoCompressionService {
   static std::unique_ptr<VideoCompressionSession> open(const VideoEncoderKind& kind,
                                                        const VideoCompressionSettings& settings,
                                                        VideoCompressionSession::OutputHandler output, int& status) {
+    if (!hasPreset(kind, settings.options.preset)) {
+      status = AVERROR_OPTION_NOT_FOUND;
+      ZEL_LOG_ERROR("Live: video encoder %s has no preset \"%s\"; it has %s", kind.name,
+                    settings.options.preset.c_str(), kind.presets);
+      return nullptr;
+    }
     auto session = std::make_unique<FfmpegVideoSession>(kind, settings, /*quiet=*/false, std::move(output));
     status = session->open();
     if (status != 0) {

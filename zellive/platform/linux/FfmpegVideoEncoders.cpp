@@ -60,10 +60,13 @@ void configureVaapi(AVCodecContext& context, AVDictionary*& options, const Encod
 }
 
 constexpr std::array<VideoEncoderKind, 3> kKinds{{
-    {"h264_nvenc", "nvenc", true, NalFraming::AnnexB, true, false, "an NVIDIA GPU and its driver", configureNvenc},
+    {"h264_nvenc", "nvenc", true, NalFraming::AnnexB, true, false, "an NVIDIA GPU and its driver", nullptr,
+     configureNvenc},
     {"h264_vaapi", "vaapi", true, NalFraming::AnnexB, false, true,
-     "a GPU that encodes H.264, its VA-API driver and access to /dev/dri/renderD*", configureVaapi},
-    {"libx264", "x264", false, NalFraming::Lengths, true, false, "libavcodec built with libx264", configureX264},
+     "a GPU that encodes H.264, its VA-API driver and access to /dev/dri/renderD*", nullptr, configureVaapi},
+    {"libx264", "x264", false, NalFraming::Lengths, true, false, "libavcodec built with libx264",
+     // Asked for another one, libx264 writes to standard error by itself.
+     "ultrafast superfast veryfast faster fast medium slow slower veryslow placebo", configureX264},
 }};
 
 /// Whether the machine has a render node at all; asking libva without one fills standard error.

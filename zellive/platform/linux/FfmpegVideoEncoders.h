@@ -44,6 +44,8 @@ struct VideoEncoderKind {
   bool changesRate;   ///< A rate set on the open context is followed; otherwise it is opened anew.
   bool usesVaapi;     ///< Takes pictures in surfaces of the GPU's, from NV12.
   const char* needs;  ///< What a machine needs for it, in words.
+  /// The presets that it has, parted by spaces; null where libavcodec tells.
+  const char* presets;
   void (*configure)(AVCodecContext& context, AVDictionary*& options, const EncoderSetup& setup);
 };
 
