@@ -182,5 +182,38 @@ TEST(TextureCache, RefusesWhatItCannotMakeAndKeepsWhatIsUsed) {
   });
 }
 
+/// Rows with and without padding, up and down, on a driver with every extension and on one with none.
+TEST(TextureCache, CarriesPicturesBothWaysOnAnyDriver) {
+  for (const bool plain : {false, true}) {
+    for (const auto& [width, height] : {std::pair{16, 3}, {37, 5}}) {
+      onQueue([&] {
+        auto& context = GPUImageContext::sharedImageProcessingContext();
+        context.useAsCurrentContext();
+        GpuPlatform::plainDriver = plain;
+        const auto cache = context.context()->makeTextureCache();
+        GpuPlatform::plainDriver = false;
+        const auto picture =
+            samplePicture(PixelFormat::BGRA, static_cast<std::size_t>(width), static_cast<std::size_t>(height));
+        const TextureShape shape{.width = picture->width(), .height = picture->height()};
+        const auto texture = cache->makeTexture(*picture, 0, shape).texture;
+        const auto target = cache->makeRenderTarget(shape).texture;
+        ASSERT_TRUE(texture && target);
+        // A copy by the GPU from the one texture to the other.
+        GLuint framebuffer = 0;
+        glGenFramebuffers(1, &framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture->name, 0);
+        glBindTexture(GL_TEXTURE_2D, target->texture().name);
+        glCopyTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 0, 0, width, height);
+        const auto copy = target->pixelBuffer();
+        glDeleteFramebuffers(1, &framebuffer);
+        EXPECT_TRUE(matches(copy, picture->width(), picture->height(), 0, [&](std::size_t x, std::size_t y) {
+          return colorAt(*picture, x, y);
+        })) << (plain ? "plain driver" : "driver with extensions");
+      });
+    }
+  }
+}
+
 }  // namespace
 }  // namespace zellive::test

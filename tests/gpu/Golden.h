@@ -19,6 +19,12 @@ using Color = std::array<double, 4>;
 [[nodiscard]] std::shared_ptr<PixelBuffer> samplePicture(PixelFormat format, std::size_t width, std::size_t height,
                                                          unsigned seed = 1);
 
+[[nodiscard]] inline Color colorAt(const PixelBuffer& bgra, std::size_t x, std::size_t y) {
+  const auto* const at = bgra.plane(0).base + y * bgra.plane(0).bytesPerRow + x * 4;
+  return {static_cast<double>(at[0]), static_cast<double>(at[1]), static_cast<double>(at[2]),
+          static_cast<double>(at[3])};
+}
+
 /// Plain C++ for what a texture unit does: linear between pixel centres, clamped to the edge. `s` and `t`: 0…1.
 /// `components`: bytes of a pixel of the plane; those beyond are 0.
 [[nodiscard]] Color sampleLinear(const PixelBuffer::Plane& plane, std::size_t components, double s, double t);

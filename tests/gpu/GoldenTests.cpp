@@ -80,12 +80,12 @@ TEST(Golden, AlphaBlendAtSeveralMixes) {
     still->send(*mark, MediaTime::indefinite());
     EXPECT_TRUE(matches(rendered(*source, *filter, *camera), 24, 10, 2,
                         [&](std::size_t x, std::size_t y) {
-                          const auto* below = camera->plane(0).base + y * camera->plane(0).bytesPerRow + x * 4;
-                          const auto* above = mark->plane(0).base + y * mark->plane(0).bytesPerRow + x * 4;
-                          const auto blend = [&](int c) {
-                            return std::lerp(below[c], above[c], above[3] / 255.0 * mix);
+                          const Color below = colorAt(*camera, x, y);
+                          const Color above = colorAt(*mark, x, y);
+                          const auto blend = [&](std::size_t c) {
+                            return std::lerp(below[c], above[c], above[3] / 255 * mix);
                           };
-                          return Color{blend(0), blend(1), blend(2), static_cast<double>(below[3])};
+                          return Color{blend(0), blend(1), blend(2), below[3]};
                         }))
         << "mix " << mix;
   }
@@ -144,10 +144,7 @@ TEST(Golden, CopiesAreExactDrawnOrNot) {
         source->addTarget(other);
       }
       EXPECT_TRUE(matches(rendered(*source, *filter, *picture), picture->width(), picture->height(), 0,
-                          [&](std::size_t x, std::size_t y) {
-                            const auto* at = picture->plane(0).base + y * picture->plane(0).bytesPerRow + x * 4;
-                            return Color{double(at[0]), double(at[1]), double(at[2]), double(at[3])};
-                          }))
+                          [&](std::size_t x, std::size_t y) { return colorAt(*picture, x, y); }))
           << (drawn ? "drawn" : "handed on");
     }
   }

@@ -30,6 +30,8 @@ struct Counts {
 struct GpuPlatform {
   static inline std::atomic<std::chrono::nanoseconds> lastLimit{};
   static inline std::atomic<bool> contextLost = false;
+  /// OpenGL ES 2 as it was at first: the driver names no extension.
+  static inline std::atomic<bool> plainDriver = false;
 };
 
 template <typename Block>

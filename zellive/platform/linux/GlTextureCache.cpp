@@ -42,7 +42,7 @@ class GlTextureCache : public TextureCache {
     }
     auto texture = idleTexture(shape);
     if (!texture) {
-      const auto name = generate(shape);
+      const auto name = generate(driverShape(shape, capabilities_.bgraTextures));
       if (name == 0) {
         return {nullptr, TextureStatus::NotSupported};
       }
@@ -65,7 +65,7 @@ class GlTextureCache : public TextureCache {
     if (!pool) {
       return {nullptr, TextureStatus::BadPicture};
     }
-    const auto name = generate(shape);
+    const auto name = generate(driverShape(shape, capabilities_.bgraTargets));
     if (name == 0) {
       return {nullptr, TextureStatus::NotSupported};
     }
@@ -121,8 +121,7 @@ class GlTextureCache : public TextureCache {
   }
 
   /// A texture of that shape, bound; 0 when the driver refuses it.
-  [[nodiscard]] std::uint32_t generate(const TextureShape& asked) const {
-    const auto shape = driverShape(capabilities_, asked);
+  [[nodiscard]] static std::uint32_t generate(const TextureShape& shape) {
     for (int earlier = 0; earlier < 8 && glGetError() != GL_NO_ERROR; ++earlier) {
     }
     GLuint name = 0;

@@ -23,6 +23,28 @@ int majorVersion() {
   return version != nullptr && std::string_view(version).starts_with(kPrefix) ? std::atoi(version + kPrefix.size()) : 0;
 }
 
+/// Whether BGRA textures can be drawn into, on which drivers differ.
+bool drawsIntoBgra() {
+  GLint formerTexture = 0;
+  GLint formerFramebuffer = 0;
+  glGetIntegerv(GL_TEXTURE_BINDING_2D, &formerTexture);
+  glGetIntegerv(GL_FRAMEBUFFER_BINDING, &formerFramebuffer);
+  GLuint texture = 0;
+  GLuint framebuffer = 0;
+  glGenTextures(1, &texture);
+  glBindTexture(GL_TEXTURE_2D, texture);
+  glTexImage2D(GL_TEXTURE_2D, 0, GL_BGRA_EXT, 16, 16, 0, GL_BGRA_EXT, GL_UNSIGNED_BYTE, nullptr);
+  glGenFramebuffers(1, &framebuffer);
+  glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+  const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+  glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(formerFramebuffer));
+  glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(formerTexture));
+  glDeleteFramebuffers(1, &framebuffer);
+  glDeleteTextures(1, &texture);
+  return complete;
+}
+
 bool swapsRedAndBlue(const GlCapabilities& capabilities, const TextureShape& asked) {
   return asked.format == GL_BGRA_EXT && !capabilities.bgraTextures;
 }
@@ -34,8 +56,12 @@ GlCapabilities GlCapabilities::ofCurrentContext() {
   const bool es3 = majorVersion() >= 3;
   GLint size = 0;
   glGetIntegerv(GL_MAX_TEXTURE_SIZE, &size);
-  return {static_cast<std::size_t>(size > 0 ? size : 0), listHolds(extensions, "GL_EXT_texture_format_BGRA8888"),
-          listHolds(extensions, "GL_EXT_read_format_bgra"), es3 || listHolds(extensions, "GL_EXT_unpack_subimage"),
+  const bool bgra = listHolds(extensions, "GL_EXT_texture_format_BGRA8888");
+  return {static_cast<std::size_t>(size > 0 ? size : 0),
+          bgra,
+          bgra && drawsIntoBgra(),
+          listHolds(extensions, "GL_EXT_read_format_bgra"),
+          es3 || listHolds(extensions, "GL_EXT_unpack_subimage"),
           es3 || listHolds(extensions, "GL_NV_pack_subimage")};
 }
 
@@ -61,9 +87,9 @@ std::size_t bytesPerPixel(std::uint32_t format, std::uint32_t type) {
   }
 }
 
-TextureShape driverShape(const GlCapabilities& capabilities, TextureShape shape) {
+TextureShape driverShape(TextureShape shape, bool bgra) {
   if (shape.format == GL_BGRA_EXT) {
-    shape.format = capabilities.bgraTextures ? GL_BGRA_EXT : GL_RGBA;
+    shape.format = bgra ? GL_BGRA_EXT : GL_RGBA;
     shape.internalFormat = shape.format;
   }
   return shape;
@@ -75,7 +101,7 @@ void uploadRows(const GlCapabilities& capabilities, const TextureShape& asked, c
   const auto height = static_cast<GLsizei>(rows.height);
   const std::size_t pixel = bytesPerPixel(asked.format, asked.type);
   const std::size_t tight = rows.width * pixel;
-  const GLenum format = driverShape(capabilities, asked).format;
+  const GLenum format = driverShape(asked, capabilities.bgraTextures).format;
   const auto upload = [&](GLint row, GLsizei count, const std::uint8_t* base) {
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, row, width, count, format, asked.type, base);
   };

@@ -12,6 +12,7 @@ namespace zellive {
 struct GlCapabilities {
   std::size_t maximumTextureSize = 0;
   bool bgraTextures = false;
+  bool bgraTargets = false;
   bool bgraReads = false;
   bool unpackRowLength = false;
   bool packRowLength = false;
@@ -30,8 +31,8 @@ struct PixelRows {
 /// Bytes of one pixel; 0 for a format that no picture in memory has.
 [[nodiscard]] std::size_t bytesPerPixel(std::uint32_t format, std::uint32_t type);
 
-/// The shape in the words that the driver knows.
-[[nodiscard]] TextureShape driverShape(const GlCapabilities& capabilities, TextureShape shape);
+/// The shape in words that the driver knows; `bgra`: whether these include BGRA for this use.
+[[nodiscard]] TextureShape driverShape(TextureShape shape, bool bgra);
 
 /// Fills the texture bound to GL_TEXTURE_2D, which has the driver's form of `asked`. `scratch` is reused between calls.
 void uploadRows(const GlCapabilities& capabilities, const TextureShape& asked, const PixelRows& rows,
