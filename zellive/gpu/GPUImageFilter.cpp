@@ -190,7 +190,7 @@ void GPUImageFilter::renderToTexture(const GPUImageQuad& vertices, const GPUImag
                               : GPUImageContext::sharedFramebufferCache()->fetchFramebufferForSize(
                                     sizeOfFBO(), outputTextureOptions(), false);
   setOutputFramebuffer(output);
-  if (!handsOn) output->activateFramebuffer();
+  output->activateFramebuffer();
   if (capturesThisFrame_) {
     output->lock();
   }
