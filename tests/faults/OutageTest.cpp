@@ -4,7 +4,6 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -270,7 +269,17 @@ TEST_P(Outage, IsToldAndTheStreamGoesOn) {
   auto told = story().letters();
   EXPECT_EQ(std::erase(told, 'N'), linkDown ? 1U : 0U);
   // A lost connection asks for a URL once; then come attempts, from the second on with an error each.
-  EXPECT_TRUE(std::regex_match(told, std::regex(broken ? "CK(UR(EXR)*K)+S" : "CKS"))) << told;
+  const auto replaceAll = [&told](const std::string& part, const char* with) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = told.find(part)) != std::string::npos; ++found) {
+      told.replace(at, part.size(), with);
+    }
+    return found;
+  };
+  const auto letters = told;
+  replaceAll("REXR", "R");
+  EXPECT_EQ(replaceAll("URK", "") > 0, broken) << letters;
+  EXPECT_EQ(told, "CKS") << letters;
   if (broken && !linkDown) {
     // Behind a relay, a server that is not there looks like one that hangs up.
     const bool relayed = one->name == std::string("ServerKilled") && world->way;
