@@ -159,7 +159,8 @@ void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
     return;
   }
   const auto rate = configuration->videoFrameRate();
-  std::optional<FrameOrder::Making> making;
+  // From before its stamp on, and not under lock_.
+  std::optional<FrameOrder::Making> making(std::in_place, order_, ZelFrameKind::Video, audioClock());
   double clock = 0;
   {
     const std::lock_guard lock(lock_);
@@ -168,7 +169,6 @@ void ZelLiveSession::pushVideo(std::shared_ptr<PixelBuffer> pixelBuffer) {
     }
     fr_ = 0;
     clock = lastAudioTimestamp_;
-    making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(pushedRate));
   render(pixelBuffer, clock, true);
@@ -189,12 +189,12 @@ void ZelLiveSession::renderCaptured(const std::shared_ptr<PixelBuffer>& pixelBuf
   if (!uploading_ || !configuration) {
     return;
   }
-  std::optional<FrameOrder::Making> making;
+  // From before its stamp on, and not under lock_.
+  std::optional<FrameOrder::Making> making(std::in_place, order_, ZelFrameKind::Video, audioClock());
   double clock = 0;
   {
     const std::lock_guard lock(lock_);
     clock = lastVideoTimestamp_ = lastAudioTimestamp_;
-    making.emplace(order_, ZelFrameKind::Video, clock);
   }
   logPicture(++videoSeqId_, clock, static_cast<double>(configuration->videoFrameRate()));
   render(pixelBuffer, clock, false);
