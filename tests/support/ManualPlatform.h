@@ -63,6 +63,8 @@ struct ManualPlatform {
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
   std::shared_ptr<GraphicsService> graphics = defaultPlatform()->graphics;
+  std::shared_ptr<CameraService> cameras = defaultPlatform()->cameras;
+  std::shared_ptr<AudioInputService> audioInputs = defaultPlatform()->audioInputs;
   std::shared_ptr<QMZSdwan> companion = makeLoggedOutSdwan(time->globalQueue());
 };
 

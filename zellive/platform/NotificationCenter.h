@@ -17,6 +17,8 @@ inline constexpr const char* DidEnterBackground = "UIApplicationDidEnterBackgrou
 inline constexpr const char* WillEnterForeground = "UIApplicationWillEnterForegroundNotification";
 inline constexpr const char* WillResignActive = "UIApplicationWillResignActiveNotification";
 inline constexpr const char* DidBecomeActive = "UIApplicationDidBecomeActiveNotification";
+/// The screen is about to be turned; posted by the embedding application before it says so to the Device.
+inline constexpr const char* WillChangeStatusBarOrientation = "UIApplicationWillChangeStatusBarOrientationNotification";
 /// Posted by the memory monitor (or the application) when memory runs short.
 inline constexpr const char* DidReceiveMemoryWarning = "UIApplicationDidReceiveMemoryWarningNotification";
 /// Posted by the reachability service when its answer has changed.

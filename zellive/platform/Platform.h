@@ -3,6 +3,8 @@
 #include <memory>
 
 #include "zellive/platform/AudioConverter.h"
+#include "zellive/platform/AudioInput.h"
+#include "zellive/platform/CaptureSession.h"
 #include "zellive/platform/Companion.h"
 #include "zellive/platform/Device.h"
 #include "zellive/platform/GraphicsContext.h"
@@ -27,6 +29,8 @@ struct Platform {
   std::shared_ptr<VideoCompressionService> videoCompression;
   std::shared_ptr<AudioConverterService> audioConversion;
   std::shared_ptr<GraphicsService> graphics;
+  std::shared_ptr<CameraService> cameras;
+  std::shared_ptr<AudioInputService> audioInputs;
   std::shared_ptr<QMZSdwan> companion;
 };
 

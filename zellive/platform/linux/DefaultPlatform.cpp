@@ -6,6 +6,7 @@
 #include "zellive/platform/linux/LinuxDevice.h"
 #include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/NetlinkReachability.h"
+#include "zellive/platform/linux/NoDevices.h"
 #include "zellive/platform/linux/SystemClock.h"
 #include "zellive/platform/linux/SystemNameService.h"
 
@@ -23,6 +24,8 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->videoCompression = makeFfmpegVideoCompression();
   set->audioConversion = makeFfmpegAudioConversion();
   set->graphics = makeEglGraphics();
+  set->cameras = std::make_shared<NoCameras>();
+  set->audioInputs = std::make_shared<NoAudioInputs>();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
   return set;
 }
