@@ -22,12 +22,18 @@ class SettableDevice : public Device {
   void setScreenBounds(Size points) override { screen = points; }
   [[nodiscard]] std::int64_t deviceOrientation() const override { return orientation; }
   void setDeviceOrientation(std::int64_t value) override { orientation = value; }
+  [[nodiscard]] std::int64_t statusBarOrientation() const override { return statusBar; }
+  void setStatusBarOrientation(std::int64_t value) override { statusBar = value; }
+  [[nodiscard]] bool idleTimerDisabled() const override { return staysOn; }
+  void setIdleTimerDisabled(bool value) override { staysOn = value; }
   [[nodiscard]] bool cameraSupportsPreset(std::string_view) const override { return cameraAccepts; }
 
   std::uint64_t memory = std::uint64_t{8} << 30;
   std::int64_t resident = 1 << 20;
   Size screen{375, 812};
   std::int64_t orientation = 1;
+  std::int64_t statusBar = 1;
+  bool staysOn = false;
   bool cameraAccepts = true;
 };
 

@@ -7,9 +7,9 @@
 
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFramebufferCache.h"
+#include "zellive/gpu/ProgramLinking.h"
 #include "zellive/gpu/ShaderSources.h"
 #include "zellive/platform/Bundle.h"
-#include "zellive/platform/Log.h"
 
 namespace zellive {
 namespace {
@@ -85,13 +85,7 @@ void GPUImageFilter::initWithShaders(const std::string& vertexShader, const std:
     filterProgram_ = context.programForVertexShaderString(vertexShader, fragmentShader);
     if (!filterProgram_->initialized()) {
       initializeAttributes();
-      if (!filterProgram_->link()) {
-        // Without a context nothing can be linked, which has been said.
-        if (const auto current = context.context(); current && current->isCurrent()) {
-          ZEL_LOG_ERROR("Program link log: %s", filterProgram_->programLog().c_str());
-          ZEL_LOG_ERROR("Fragment shader compile log: %s", filterProgram_->fragmentShaderLog().c_str());
-          ZEL_LOG_ERROR("Vertex shader compile log: %s", filterProgram_->vertexShaderLog().c_str());
-        }
+      if (!linkOrExplain(*filterProgram_)) {
         filterProgram_.reset();
         return;
       }

@@ -21,6 +21,14 @@ class Device {
   /// 0 unknown, 1 portrait, 2 upside down, 3 landscape left, 4 landscape right, 5 face up, 6 face down.
   [[nodiscard]] virtual std::int64_t deviceOrientation() const = 0;
   virtual void setDeviceOrientation(std::int64_t orientation) = 0;
+  /// How the application's user interface is turned: 1 portrait, 2 upside down, 3 landscape right, 4 landscape left.
+  /// The embedding application sets it, after it has posted that it is about to change.
+  [[nodiscard]] virtual std::int64_t statusBarOrientation() const = 0;
+  virtual void setStatusBarOrientation(std::int64_t orientation) = 0;
+  /// Whether the screen is to stay on although nobody touches anything: capture asks for it while it runs. An
+  /// application that can hold back a screen saver does so in a Device of its own.
+  [[nodiscard]] virtual bool idleTimerDisabled() const = 0;
+  virtual void setIdleTimerDisabled(bool disabled) = 0;
   /// Whether the front camera can deliver the named capture preset; true where there is no camera to ask.
   [[nodiscard]] virtual bool cameraSupportsPreset(std::string_view preset) const = 0;
 };
