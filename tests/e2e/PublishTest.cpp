@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstdio>
 
 #include "tests/e2e/Tool.h"
 
@@ -74,20 +73,6 @@ TEST_F(ServerTest, WhatTheServerRecordsIsAFaultlessStream) {
   expectSpacing(sounds, 1024 / 48.0, "sound");
   EXPECT_NEAR(pictures.front(), sounds.front(), 50);
   EXPECT_GE(std::min(pictures.back(), sounds.back()), 8950);
-}
-
-TEST_F(ServerTest, TheStreamGoesOnWhenTheServerComesBack) {
-  Process tool(toolCommand(server->url("again"), {"--input", clip, "--loop", "--json", "--duration", "9",
-                                                  "--reconnect-interval", "1", "--reconnect-count", "9"}));
-  ASSERT_TRUE(tool.waitForText("\"type\":\"status\"", 10s)) << tool.errors();
-  server->kill();
-  ASSERT_TRUE(tool.waitForText("reconnecting", 10s)) << tool.errors();
-  std::remove(server->recording("again").c_str());
-  server->start();
-  expectEnd(tool, 0, 30s);
-  const auto path = server->finishedRecording("again");
-  expectShown(path, clipStreams);
-  EXPECT_GE(pictureTimes(FlvFile(path), false).back(), 8950) << "the stream's clock went on meanwhile";
 }
 
 TEST_F(ServerTest, TheExamplePublishesAStreamThatDecodes) {

@@ -14,37 +14,12 @@
 #include <vector>
 
 #include "tests/faults/Tap.h"
+#include "tests/transport/Fixtures.h"
 #include "zellive/session/ZelLiveSession.h"
 
 namespace zellive::test {
 
 using namespace std::chrono_literals;
-
-/// What a publisher has told, a letter each, in order: statuses 1 to 5 as C (connecting), K (connected), S (stopped),
-/// E (error), R (reconnecting); X for error 205, N for error 203; U for a URL that is asked for.
-class Story {
- public:
-  void note(char letter) {
-    const std::lock_guard lock(mutex_);
-    letters_ += letter;
-    changed_.notify_all();
-  }
-  [[nodiscard]] std::string letters() const {
-    const std::lock_guard lock(mutex_);
-    return letters_;
-  }
-  [[nodiscard]] std::ptrdiff_t count(char letter) const { return std::ranges::count(letters(), letter); }
-  /// False when it is not told so often within a time that no fault takes.
-  [[nodiscard]] bool waitFor(char letter, std::ptrdiff_t times = 1) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] { return std::ranges::count(letters_, letter) >= times; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string letters_;
-};
 
 /// A session for pushed sound and small pictures which writes its story down, and whose publisher reports an error at
 /// its second attempt.
@@ -73,11 +48,11 @@ class Broadcast : public ZelLiveSession {
   }
 
   void socketStatus(ZelStreamRtmpSocket& socket, std::uint64_t status) override {
-    story->note(" CKSER"[status]);
+    story->noteStatus(status);
     ZelLiveSession::socketStatus(socket, status);
   }
   void socketDidErrorCode(ZelStreamRtmpSocket& socket, std::uint64_t code) override {
-    story->note(code == ZelStreamSocketErrorReconnectExhausted ? 'X' : 'N');
+    story->noteError(code);
     ZelLiveSession::socketDidErrorCode(socket, code);
   }
   void socketRequestNewUrl(ZelStreamRtmpSocket& socket) override {

@@ -106,7 +106,7 @@ TEST_F(Pacing, TheFirstMessageFollowsTheConnectionAtOnce) {
   };
   for (std::uint64_t round = 0; round < rounds; ++round) {
     relay.setConduct(Relay::Conduct::Refuse);
-    ASSERT_TRUE(reports->waitFor("url", static_cast<std::ptrdiff_t>(round) + 1)) << "else they may leave for nowhere";
+    ASSERT_TRUE(reports->waitFor('U', static_cast<std::ptrdiff_t>(round) + 1)) << "else they may leave for nowhere";
     for (std::uint64_t index = 0; index < 71; ++index) {
       socket->sendFrame(frameAt(round * 71 + index));
     }

@@ -99,9 +99,6 @@ void WireServer::Client::handshake(WireFault fault) {
   if (readNumber(1) != 3) {
     throw Malformed{};
   }
-  if (fault == WireFault::CloseInHandshake) {
-    throw ConnectionOver{};
-  }
   const Bytes c1 = read(kHandshakeSize);
   pollfd hangUp{descriptor, POLLRDHUP, 0};
   while (fault == WireFault::Drip) {
@@ -235,19 +232,14 @@ void WireServer::acceptLoop() {
 }
 
 void WireServer::serve(Client& client) {
-  const WireFault fault = fault_;
-  while (fault == WireFault::Silent) {
+  while (fault_ == WireFault::Silent) {
     client.read(1);
   }
-  client.handshake(fault);
+  client.handshake(fault_);
   for (std::size_t mediaSeen = 0;;) {
-    if (mediaSeen >= 3 && fault == WireFault::StopReading) {
+    if (mediaSeen >= 3 && fault_ == WireFault::StopReading) {
       pollfd hangUp{client.descriptor, POLLRDHUP, 0};
       ::poll(&hangUp, 1, -1);  // Nothing is read; only the end of the connection is seen.
-      throw ConnectionOver{};
-    }
-    if (mediaSeen >= 3 && fault == WireFault::CloseMidMessage) {
-      client.read(3);
       throw ConnectionOver{};
     }
     const auto message = client.nextMessage();
@@ -257,7 +249,7 @@ void WireServer::serve(Client& client) {
       messages_.push_back(message);
     }
     changed_.notify_all();
-    client.answer(message, fault);
+    client.answer(message, fault_);
   }
 }
 

@@ -43,13 +43,11 @@ enum class WireFault {
   Silent,              ///< Accepts and never says a word.
   Garbage,             ///< Answers the handshake with noise.
   Drip,                ///< Answers the handshake a byte at a time, for ever.
-  CloseInHandshake,    ///< Closes after the client's first bytes.
   ResetAfterConnect,   ///< Answers connect and resets the connection in the same breath.
   CloseAfterConnect,   ///< Closes when the client asks for a stream.
   SilentAfterConnect,  ///< Answers connect, then nothing more.
   RefuseConnect,       ///< NetConnection.Connect.Rejected.
   RefusePublish,       ///< NetStream.Publish.BadName.
-  CloseMidMessage,     ///< Closes when three media messages and a piece of one more have come.
   StopReading,         ///< Stops reading after three media messages.
 };
 
@@ -67,8 +65,6 @@ class WireServer {
   /// "rtmp://127.0.0.1:PORT/live/NAME"
   [[nodiscard]] std::string url(const std::string& name = "stream") const;
 
-  /// Later connections behave so.
-  void setFault(WireFault fault) { fault_ = fault; }
   /// Every message of every connection so far, commands and control included.
   [[nodiscard]] std::vector<WireMessage> messages() const;
   /// Audio (8), video (9) and data (18) messages only.
@@ -96,7 +92,7 @@ class WireServer {
 
   const LoopbackListener listener_;
   const std::string host_;
-  std::atomic<WireFault> fault_;
+  const WireFault fault_;
   std::thread acceptor_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;

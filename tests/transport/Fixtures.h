@@ -59,31 +59,51 @@ inline std::shared_ptr<ZelLiveStreamInfo> streamAt(const std::string& url) {
   return info;
 }
 
-/// Writes down what a publisher tells ("status 2", "error 205", "url"), or a send buffer. Waiting for it needs no lock
-/// of the test's own; reading the lists does, unless all queues run on the test's thread.
-struct Reports : ZelStreamSocketDelegate, ZelStreamingBufferDelegate {
-  void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { note("status " + std::to_string(status)); }
-  void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { note("error " + std::to_string(code)); }
-  void socketRequestNewUrl(ZelStreamRtmpSocket&) override { note("url"); }
+/// What a publisher has told, a letter each, in order: statuses 1 to 5 as C (connecting), K (connected), S (stopped),
+/// E (error), R (reconnecting); X for error 205, N for error 203; U for a URL that is asked for. Thread-safe.
+class Story {
+ public:
+  void noteStatus(std::uint64_t status) { note(" CKSER"[status]); }
+  void noteError(std::uint64_t code) { note(code == ZelStreamSocketErrorReconnectExhausted ? 'X' : 'N'); }
+  void note(char letter) {
+    const std::lock_guard lock(mutex_);
+    letters_ += letter;
+    changed_.notify_all();
+  }
+  [[nodiscard]] std::string letters() const {
+    const std::lock_guard lock(mutex_);
+    return letters_;
+  }
+  /// What has been told since the last call.
+  std::string take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(letters_, {});
+  }
+  /// False when it is not told so often within a time that no fault takes.
+  [[nodiscard]] bool waitFor(char letter, std::ptrdiff_t times = 1) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(30),
+                             [&] { return std::ranges::count(letters_, letter) >= times; });
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string letters_;
+};
+
+/// The story of a publisher, or of a send buffer, with its numbers: those are for tests whose queues all run on one
+/// thread.
+struct Reports : Story, ZelStreamSocketDelegate, ZelStreamingBufferDelegate {
+  void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { noteStatus(status); }
+  void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { noteError(code); }
+  void socketRequestNewUrl(ZelStreamRtmpSocket&) override { note('U'); }
   void socketDebugInfo(ZelStreamRtmpSocket&, const ZelLiveDebug& info) override { statistics.push_back(info); }
   void socketBufferStatus(ZelStreamRtmpSocket&, ZelStreamingBufferState state) override { trends.push_back(state); }
   void socketBufferStatusBufferCount(ZelStreamRtmpSocket&, std::uint64_t count) override { counts.push_back(count); }
   void streamingBufferState(ZelStreamingBuffer&, ZelStreamingBufferState state) override { trends.push_back(state); }
   void streamingBufferCount(ZelStreamingBuffer&, std::uint64_t count) override { counts.push_back(count); }
 
-  void note(const std::string& event) {
-    const std::lock_guard lock(mutex);
-    events.push_back(event);
-    changed.notify_all();
-  }
-  bool waitFor(const std::string& event, std::ptrdiff_t times = 1) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, std::chrono::seconds(20), [&] { return std::ranges::count(events, event) >= times; });
-  }
-
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> events;
   std::vector<ZelStreamingBufferState> trends;
   std::vector<std::uint64_t> counts;
   std::vector<ZelLiveDebug> statistics;

@@ -8,14 +8,15 @@
 
 #include "tests/support/FakeRtmp.h"
 #include "tests/support/ManualPlatform.h"
+#include "tests/support/NetworkText.h"
 #include "tests/transport/Fixtures.h"
+#include "zellive/platform/linux/NetlinkReachability.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 
 namespace zellive::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Events = std::vector<std::string>;
 
 constexpr const char* kUrl = "rtmp://host/live/key";
 
@@ -30,19 +31,20 @@ class Publisher : public ::testing::Test {
 
   /// A publisher in whose sorting stage five frames stay for good, so that every later one comes out at once. Nothing
   /// is left of a former one.
-  void make(std::int64_t interval = 0, std::int64_t count = 0) {
+  void make(std::int64_t interval = 0, std::int64_t count = 0, std::shared_ptr<const Platform> platform = nullptr) {
     socket.reset();
     manual.advance(1s);
     rtmp = {};
     reports = std::make_shared<Reports>();
-    socket = ZelStreamRtmpSocket::create(info, interval, count, manual.platform(), rtmp.factory());
+    socket =
+        ZelStreamRtmpSocket::create(info, interval, count, platform ? platform : manual.platform(), rtmp.factory());
     socket->setDelegate(reports);
     send({5, audio(~0ULL)});
   }
   void connect() {
     make();
     socket->start();
-    eventsAfter(0s);
+    told(0s);
   }
   void send(const std::vector<std::shared_ptr<const ZelFrame>>& frames) {
     for (const auto& frame : frames) {
@@ -51,9 +53,9 @@ class Publisher : public ::testing::Test {
     manual.runPending();
   }
   /// What was reported since the last call, and is then.
-  Events eventsAfter(std::chrono::seconds time) {
+  std::string told(std::chrono::seconds time) {
     manual.advance(time);
-    return std::exchange(reports->events, {});
+    return reports->take();
   }
   void network(ReachabilityStatus status) { manual.reachability->setNetworkReachabilityStatus(status); }
   void breakConnection() { rtmp.breakConnection({RtmpFailureClosed, "gone"}); }
@@ -71,15 +73,6 @@ class Publisher : public ::testing::Test {
   std::shared_ptr<ZelStreamRtmpSocket> socket;
 };
 
-TEST_F(Publisher, RefusesAMissingStreamAndMendsItsLimits) {
-  EXPECT_THAT([] { (void)ZelStreamRtmpSocket::create(nullptr); },
-              ::testing::ThrowsMessage<ZelException>("ZelStreamRtmpSocket init error: stream is nil"));
-  make(-1, 0);
-  EXPECT_EQ(std::pair(socket->reconnectInterval(), socket->reconnectCount()), std::pair(5L, 3L));
-  make(2, 9);
-  EXPECT_EQ(std::pair(socket->reconnectInterval(), socket->reconnectCount()), std::pair(2L, 9L));
-}
-
 TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
   info->videoConfiguration = ZelLiveVideoConfiguration::defaultConfiguration();
   // The kernel's buffer is bounded by the stream's rate.
@@ -90,8 +83,8 @@ TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
     EXPECT_TRUE(rtmp.urls.empty()) << "frames wait for the start";
     socket->start();
     socket->start();
-    EXPECT_EQ(eventsAfter(0s), (Events{"status 1", "status 2"}));
-    EXPECT_EQ(rtmp.urls, Events{kUrl});
+    EXPECT_EQ(told(0s), "CK");
+    EXPECT_EQ(rtmp.urls, std::vector<std::string>{kUrl});
     EXPECT_EQ(rtmp.options[0].sendBufferBytes, buffer);
     ASSERT_EQ(rtmp.sent.size(), 2U) << "the connection itself sets the waiting frame going";
     EXPECT_EQ(rtmp.sent[0].type, 0x12);
@@ -149,13 +142,13 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
     make();
     rtmp.failAt = step;
     socket->start();
-    EXPECT_EQ(eventsAfter(0s), (Events{"status 1", "url"}));
-    EXPECT_EQ(eventsAfter(5s), (Events{"status 5"}));
-    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 4", "error 205"}));
-    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 4", "error 205"}));
+    EXPECT_EQ(told(0s), "CU");
+    EXPECT_EQ(told(5s), "R");
+    EXPECT_EQ(told(5s), "REX");
+    EXPECT_EQ(told(5s), "REX");
     EXPECT_EQ(rtmp.closed, 4);
     rtmp.failAt = "";
-    EXPECT_EQ(eventsAfter(5s), (Events{"status 5", "status 2"}));
+    EXPECT_EQ(told(5s), "RK");
     breakConnection();
     breakConnection();
     breakConnection();
@@ -164,7 +157,7 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
     fresh->streamId = "ignored";
     socket->updateStreamInfo(fresh);
     socket->updateStreamInfo(nullptr);
-    EXPECT_EQ(eventsAfter(60s), (Events{"url", "status 5", "status 2"})) << "counted from 0, one attempt for all";
+    EXPECT_EQ(told(60s), "URK") << "counted from 0, one attempt for all";
     EXPECT_EQ(rtmp.urls.back(), "rtmp://other/live/key");
     EXPECT_EQ(rtmp.closed, 5);
     EXPECT_EQ(log.count(LogLevel::Error, std::string("Live: ") + step + "() failed"), 4U);
@@ -174,12 +167,14 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
 }
 
 TEST_F(Publisher, AsksForAUrlEveryHundredthAttempt) {
+  EXPECT_THAT([] { (void)ZelStreamRtmpSocket::create(nullptr); },
+              ::testing::ThrowsMessage<ZelException>("ZelStreamRtmpSocket init error: stream is nil"));
   make(1, 1000);
   rtmp.failAt = "RTMP_SetupURL";
   socket->start();
   std::vector<std::size_t> asked;
-  for (auto events = eventsAfter(0s); rtmp.urls.size() < 202; events = eventsAfter(1s)) {
-    if (std::ranges::count(events, "url") > 0) {
+  for (auto events = told(0s); rtmp.urls.size() < 202; events = told(1s)) {
+    if (std::ranges::count(events, 'U') > 0) {
       asked.push_back(rtmp.urls.size());
     }
   }
@@ -192,11 +187,11 @@ TEST_F(Publisher, ANewConnectionBeginsWithNewHeaders) {
   rtmp.sendResult = 0;
   send({video(4), video(5), audio(6), video((1ULL << 33) + (1 << 25))});
   EXPECT_EQ(log.count(LogLevel::Error, "Live: send packet error: 0"), 1U) << "the frames behind it wait";
-  EXPECT_EQ(eventsAfter(5s), (Events{"url", "status 5", "status 2", "url"}));
+  EXPECT_EQ(told(5s), "URKU");
   EXPECT_EQ(log.count("Live: send packet error"), 1U) << "it broke again at once, which costs no frame";
   rtmp.sendResult = 1;
   rtmp.sent.clear();
-  EXPECT_EQ(eventsAfter(5s).back(), "status 2");
+  EXPECT_EQ(told(5s), "RK");
   ASSERT_EQ(rtmp.sent.size(), 4U);
   EXPECT_EQ(rtmp.sent[0].type, 0x12);
   EXPECT_EQ(rtmp.sent[1].body[1], 0) << "AVC header, of the frame at 5";
@@ -207,19 +202,65 @@ TEST_F(Publisher, ANewConnectionBeginsWithNewHeaders) {
 TEST_F(Publisher, KeepsFramesWhileTheNetworkIsOut) {
   make();
   network(ReachabilityStatus::ReachableViaWWAN);
-  EXPECT_EQ(eventsAfter(10s), Events{}) << "nothing was started";
+  EXPECT_EQ(told(10s), "") << "nothing was started";
   socket->start();
-  eventsAfter(0s);
+  told(0s);
   network(ReachabilityStatus::NotReachable);
-  EXPECT_EQ(std::exchange(reports->events, {}), (Events{"error 203"})) << "at once, on the posting thread";
+  EXPECT_EQ(reports->take(), "N") << "at once, on the posting thread";
   send({video(1), video(2)});
   breakConnection();
-  EXPECT_EQ(eventsAfter(4s), Events{}) << "asked for while the network is out: dropped";
+  EXPECT_EQ(told(4s), "") << "asked for while the network is out: dropped";
   EXPECT_TRUE(rtmp.media().empty());
   network(ReachabilityStatus::ReachableViaWiFi);
   network(ReachabilityStatus::ReachableViaWWAN);
-  EXPECT_EQ(eventsAfter(5s), (Events{"url", "status 5", "status 2"}));
+  EXPECT_EQ(told(5s), "URK");
   EXPECT_EQ(rtmp.media().size(), 2U);
+}
+
+TEST_F(Publisher, FollowsTheWayToItsHost) {
+  const std::string up = "link 2; own 2 192.0.2.5; route 192.0.2.0/24 dev 2; route 0.0.0.0/0 via 192.0.2.1 dev 2";
+  const std::string noDefault = up.substr(0, up.rfind(';'));
+  const std::string down = "link 2 still;" + up.substr(7);
+  const std::string moved = down + "; link 3; own 3 10.0.0.5; route 0.0.0.0/0 via 10.0.0.1 dev 3";
+  struct Case {
+    const char* host;
+    const char* foundAt;
+    std::vector<std::pair<std::string, const char*>> steps;  // What is told in the six seconds after each change.
+  };
+  const Case cases[] = {
+      {"198.51.100.7", "198.51.100.7", {{up, ""}, {down, "N"}, {up, "URK"}, {moved, "URK"}, {moved, ""}}},
+      {"192.0.2.77", "192.0.2.77", {{noDefault, ""}, {down, "N"}, {noDefault, "URK"}}},
+      {"studio.example.net", "192.0.2.77", {{noDefault, ""}, {down, "N"}, {noDefault, "URK"}}},
+      {"live.example.net", "198.51.100.7", {{noDefault, "N"}, {down, ""}, {up, "URK"}}},
+      {"live.example.net", "", {{noDefault, "URK"}, {down, "N"}, {moved, "URK"}}},
+      {"localhost", "127.0.0.1", {{down, ""}, {moved, ""}}},
+  };
+  for (const auto& [host, foundAt, steps] : cases) {
+    FakeNetwork fake{test::network(up)};
+    auto platform = std::make_shared<Platform>(*manual.platform());
+    const auto service = NetlinkReachability::create(std::make_unique<FakeNetworkSource>(fake),
+                                                     manual.time->makeSerialQueue("network"), manual.notifications);
+    platform->reachability = service;
+    const auto change = [&](const std::string& next) {
+      fake.now = test::network(next);
+      service->takeNews();
+      return told(6s);
+    };
+    info->setUrl("rtmp://" + std::string(host) + "/live/key");
+    make(5, 3, platform);
+    rtmp.hostAddresses = {foundAt};
+    socket->start();
+    told(1s);
+    for (const auto& [next, events] : steps) {
+      EXPECT_EQ(change(next), events) << host << " at " << foundAt << ": " << next;
+    }
+    // A new URL brings its own host's way with it.
+    socket->updateStreamInfo(streamAt("rtmp://127.0.0.1/live/key"));
+    rtmp.hostAddresses.clear();
+    breakConnection();
+    told(6s);
+    EXPECT_EQ(change(""), "") << host << ": the new one is this machine";
+  }
 }
 
 TEST_F(Publisher, CountsWhatItSendsAndDrops) {
@@ -230,30 +271,31 @@ TEST_F(Publisher, CountsWhatItSendsAndDrops) {
   send({video(1), video(2, {false})});
   manual.notifications->post(notification::DidReceiveMemoryWarning);
   socket->start();
-  send({video(1, {true, filled(1000)})});  // The first frame closes the interval that began at time 0.
+  send({video(1, {true, filled(1000000)})});  // The first frame closes the interval that began at time 0.
   const auto& statistics = reports->statistics;
   ASSERT_EQ(statistics.size(), 1U);
   EXPECT_EQ(statistics[0].roomID + " " + statistics[0].streamID, "room-9 stream-7");
   EXPECT_EQ(statistics[0].uploadUrl, kUrl);
   EXPECT_TRUE(statistics[0].isRtmp);
   manual.advance(999ms);
-  send({video(2, {true, filled(500)}), video(3, {true, filled(400)}), audio(4, filled(30))});
+  send({video(2, {true, filled(500000)}), video(3, {true, filled(400000)}), audio(4, filled(30000))});
   EXPECT_EQ(statistics.size(), 1U);
   manual.advance(1ms);
-  send({audio(5, filled(7))});
+  send({audio(5, filled(7000))});
   ASSERT_EQ(statistics.size(), 2U);
   const auto& total = statistics[1];
   EXPECT_EQ(total.elapsedMilli, 1000.0);
-  EXPECT_EQ(total.currentBandwidth, 930.0) << "without the frame that closes the interval";
+  EXPECT_EQ(total.currentBandwidth, 930000.0) << "without the frame that closes the interval";
   EXPECT_EQ((std::vector{total.dataFlow, total.videoDataFlow, total.audioDataFlow}),
-            (std::vector{1937.0, 1900.0, 37.0}));
+            (std::vector{1937000.0, 1900000.0, 37000.0}));
   EXPECT_EQ((std::vector{total.totalFrame, total.captureVideoTotalCount, total.captureAudioTotalCount,
                          total.currentCaptureVideoCount, total.currentCaptureAudioCount, total.dropFrame}),
             (std::vector<std::int64_t>{5, 3, 2, 2, 1, 2}));
   socket->stop();
   manual.runPending();
-  EXPECT_EQ(log.count("Live: socket traffic: dropFrame:2 unsendFrame:0 senfFrame:5(a:2, v:3)"), 1U);
-  EXPECT_EQ(log.count("liveTime:1.000000"), 1U);
+  EXPECT_EQ(log.count("Live: socket traffic: dropFrame:2 unsendFrame:0 senfFrame:5(a:2, v:3) "
+                      "totalBandWidth:1.94MB(a:0.04MB, v:1.90MB) liveTime:1.000000"),
+            1U);
 }
 
 TEST_F(Publisher, EndsInEveryState) {
@@ -272,18 +314,18 @@ TEST_F(Publisher, EndsInEveryState) {
         breakConnection();
         manual.runPending();
       }
-      reports->events.clear();
+      (void)reports->take();
       if (lettingGo) {
         socket.reset();
         manual.runPending();
-        EXPECT_EQ(manual.time->liveQueues(), (Events{"main", "global"}));
+        EXPECT_EQ(manual.time->liveQueues(), (std::vector<std::string>{"main", "global"}));
       } else {
         socket->stop();
         socket->stop();
         EXPECT_FALSE(socket->waitUntilStopped(0ms));
         manual.runPending();
         EXPECT_TRUE(socket->waitUntilStopped(0ms));
-        EXPECT_EQ(std::ranges::count(eventsAfter(0s), "status 3"), 1);
+        EXPECT_EQ(std::ranges::count(told(0s), 'S'), 1);
         EXPECT_EQ(rtmp.aborted, state == Started ? 1 : 0);
         EXPECT_EQ(manual.time->delayedWork(), 1U) << "the buffer's timer alone";
         rtmp.sent.clear();
@@ -293,7 +335,7 @@ TEST_F(Publisher, EndsInEveryState) {
       EXPECT_EQ(rtmp.closed, state >= (lettingGo ? Connected : Started) ? 1 : 0);
       network(ReachabilityStatus::ReachableViaWWAN);
       network(ReachabilityStatus::ReachableViaWiFi);
-      EXPECT_EQ(eventsAfter(60s), Events{});
+      EXPECT_EQ(told(60s), "");
       EXPECT_EQ(rtmp.media().size(), 0U);
       EXPECT_EQ(log.count(LogLevel::Error, "Live: RTMP_"), 0U) << "an attempt given up for the stop is no error";
     }

@@ -3,19 +3,20 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <functional>
-#include <future>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include "tests/support/Event.h"
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/WireServer.h"
 #include "tests/transport/Fixtures.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 #include "zellive/transport/FlvTagBody.h"
+#include "zellive/transport/HostResolver.h"
 
 // What goes over the wire, read as a server reads it.
 
@@ -49,27 +50,37 @@ Bytes property(std::string_view key, double number) {
 }
 Bytes property(std::string_view key, std::string_view value) { return join({text(key), {2}, text(value)}); }
 
-/// One connection on a queue of its own; every call is made there.
+/// One connection on a queue of its own, where every call is made. It begins to open its stream at once.
 class Connection {
  public:
-  explicit Connection(const std::string& url) {
+  explicit Connection(const std::string& url, const RtmpOptions& limits = {}) {
     onQueue([&] {
-      connection_ = makeLibrtmpConnection({}, defaultPlatform(), queue_);
+      connection_ = makeLibrtmpConnection(limits, defaultPlatform(), queue_);
       connection_->setCallbacks(
           {[](const RTMPError& e, void* self) { static_cast<Connection*>(self)->note(e); },
            [](const RTMPConnectionTime&, void* self) { ++static_cast<Connection*>(self)->timesTold; }, this});
+    });
+    queue_->async([this, url] {
       if (connection_->setupURL(url, &error)) {
         connection_->enableWrite();
-        open = connection_->connect(&error) && connection_->connectStream(&error);
+        open_ = connection_->connect(&error) && connection_->connectStream(&error);
       }
     });
   }
   ~Connection() {
-    onQueue([&] { connection_.reset(); });
+    onQueue([&] {
+      connection_->close(&error);
+      connection_.reset();
+    });
   }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  /// Waits until it has opened its stream or failed.
+  bool open() {
+    onQueue([] {});
+    return open_;
+  }
   std::int32_t send(std::uint8_t headerType, std::uint8_t type, std::uint64_t timestamp, const Bytes& payload) {
     std::int32_t result = 0;
     onQueue([&] {
@@ -85,35 +96,33 @@ class Connection {
     });
     return result;
   }
+  void abort() { connection_->abort(); }
   /// Why it broke by itself; waits until it does.
-  RTMPError failure() {
-    auto broken = broken_.get_future();
-    return broken.wait_for(10s) == std::future_status::ready ? broken.get() : RTMPError();
-  }
+  RTMPError failure() { return broken_.wait() ? why_ : RTMPError(); }
 
-  bool open = false;
   int timesTold = 0;
   RTMPError error;
 
  private:
-  void onQueue(const std::function<void()>& work) {
-    std::promise<void> done;
+  void onQueue(const Task& work) {
+    Event done;
     queue_->async([&] {
       work();
-      done.set_value();
+      done.set();
     });
-    done.get_future().wait();
+    EXPECT_TRUE(done.wait());
   }
   void note(const RTMPError& why) {
-    if (why.code < 0) {
-      broken_.set_value(why);
-    }
+    why_ = why;
+    why.code < 0 ? broken_.set() : void();
   }
 
   const std::shared_ptr<Queue> queue_ = defaultPlatform()->queues->makeSerialQueue("test.connection");
   std::unique_ptr<RtmpConnection> connection_;
+  bool open_ = false;
   RtmpBody body_;
-  std::promise<RTMPError> broken_;
+  RTMPError why_;
+  Event broken_;
 };
 
 TEST(Wire, EveryMessageOfAStream) {
@@ -180,7 +189,7 @@ TEST(Wire, EveryMessageOfAStream) {
 TEST(Wire, TimestampsOfLongStreams) {
   WireServer server;
   Connection connection(server.url());
-  ASSERT_TRUE(connection.open) << connection.error.message;
+  ASSERT_TRUE(connection.open()) << connection.error.message;
   EXPECT_EQ(connection.timesTold, 1);
   struct Case {
     std::uint8_t type;
@@ -218,7 +227,7 @@ TEST(Wire, TimestampsOfLongStreams) {
 TEST(Wire, ServesTheServerWhileIdle) {
   WireServer server;
   Connection connection(server.url());
-  ASSERT_TRUE(connection.open);
+  ASSERT_TRUE(connection.open());
   const auto ping = [](std::uint8_t stamp) { return Bytes{2, 0, 0, 0, 0, 0, 6, 4, 0, 0, 0, 0, 0, 6, 1, 2, 3, stamp}; };
   const auto pong = [](std::uint8_t stamp) { return Bytes{0, 7, 1, 2, 3, stamp}; };
   server.inject(ping(4));
@@ -256,9 +265,59 @@ TEST(Wire, BreaksOffWhenTheServerSendsWhatIsNotRtmp) {
     SCOPED_TRACE(name);
     WireServer server;
     Connection connection(server.url());
-    ASSERT_TRUE(connection.open);
+    ASSERT_TRUE(connection.open());
     server.inject(bytes);
     EXPECT_EQ(connection.failure().code, RtmpFailureProtocol);
+  }
+}
+
+TEST(Wire, AStreamThatDoesNotOpenHasItsReason) {
+  const std::string silence = "the server accepted the connection and then said nothing for 1 s";
+  const std::tuple<WireFault, const char*, int, std::string> cases[] = {
+      {WireFault::None, "rtmps", -4, "the server did not agree to a secure connection"},
+      {WireFault::Silent, "rtmps", -6, silence},
+      {WireFault::Silent, "rtmp", -6, silence},
+      {WireFault::Drip, "rtmp", -6, "the server did not take the stream within 3 s"},
+      {WireFault::Garbage, "rtmp", -9, "the server does not speak RTMP"},
+      {WireFault::ResetAfterConnect, "rtmp", -8, "the server "},
+      {WireFault::CloseAfterConnect, "rtmp", -8, "the server closed the connection while opening the stream"},
+      {WireFault::SilentAfterConnect, "rtmp", -6, "the server did not answer within 1 s"},
+      {WireFault::RefuseConnect, "rtmp", -5, "the server refuses the stream: NetConnection.Connect.Rejected (by the t"},
+      {WireFault::RefusePublish, "rtmp", -5, "the server refuses the stream: NetStream.Publish.BadName (*** is taken)"},
+  };
+  for (const auto& [fault, scheme, code, reason] : cases) {
+    WireServer server(fault);
+    Connection connection(scheme + server.url().substr(4), {.setupLimit = 3s, .receiveLimit = 1s});
+    EXPECT_FALSE(connection.open()) << reason;
+    EXPECT_EQ(connection.error.code, code) << reason;
+    EXPECT_TRUE(connection.error.message.starts_with(reason)) << connection.error.message << ", not " << reason;
+  }
+  Connection lost("rtmp://host.invalid/live/key");
+  EXPECT_FALSE(lost.open());
+  EXPECT_TRUE(lost.error.message.starts_with("cannot find the host host.invalid")) << lost.error.message;
+}
+
+TEST(Wire, GivingUpTakesLessThanTwoSecondsWhateverTheServerKeepsWaiting) {
+  for (const auto fault : {WireFault::Silent, WireFault::SilentAfterConnect, WireFault::StopReading}) {
+    SCOPED_TRACE(static_cast<int>(fault));
+    WireServer server(fault, 16 * 1024);
+    auto connection = std::make_unique<Connection>(
+        server.url(),
+        RtmpOptions{.setupLimit = 60s, .receiveLimit = 60s, .sendLimit = 60s, .sendBufferBytes = 512 * 1024});
+    if (fault == WireFault::StopReading) {  // The kernel takes all; the server never will.
+      for (int i = 0; i < 15; ++i) {
+        ASSERT_EQ(connection->send(0, 9, 1, Bytes(32 * 1024)), 1);
+      }
+      ASSERT_TRUE(server.waitForMedia(3));
+    } else {
+      ASSERT_TRUE(server.waitUntil(
+          [&] { return server.connections() == 1 && (fault == WireFault::Silent || server.commands().size() == 4); }));
+      connection->abort();
+    }
+    const auto start = std::chrono::steady_clock::now();
+    connection.reset();
+    EXPECT_TRUE(server.waitUntil([&] { return server.closed() == 1; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
   }
 }
 
@@ -269,8 +328,8 @@ TEST(Wire, SpeaksIPv6) {
   } catch (const std::runtime_error&) {
     GTEST_SKIP() << "this machine has no IPv6 loopback";
   }
-  const Connection connection(server->url());
-  ASSERT_TRUE(connection.open) << connection.error.message;
+  Connection connection(server->url());
+  ASSERT_TRUE(connection.open()) << connection.error.message;
   EXPECT_TRUE(received(*server, "rtmp://[::1]:" + std::to_string(server->port()) + "/live"))
       << "the server is told the address as it was given";
 }
@@ -296,17 +355,17 @@ TEST(Wire, TakesUrlsAsTheyStandAndRefusesThoseThatCannotWork) {
   };
   for (const auto& [url, reason] : cases) {
     SCOPED_TRACE(url.substr(0, 60));
-    const Connection connection(url);
-    EXPECT_FALSE(connection.open);
+    Connection connection(url);
+    EXPECT_FALSE(connection.open());
     EXPECT_EQ(connection.error.code, RtmpFailureUrl);
     EXPECT_NE(connection.error.message.find(reason), std::string::npos) << connection.error.message;
     EXPECT_EQ(connection.error.message.find("key"), std::string::npos);
   }
   const WireServer server;
   const std::string root = "rtmp://127.0.0.1:" + std::to_string(server.port()) + "/";
-  EXPECT_TRUE(Connection(root + std::string(1792 - root.size() - 4, 'a') + "/key").open);
+  EXPECT_TRUE(Connection(root + std::string(1792 - root.size() - 4, 'a') + "/key").open());
   for (const auto& name : {std::string(960, 'k'), std::string("name?sign=a/b%2Fc&d=e/")}) {
-    EXPECT_TRUE(Connection(root + "live/" + name).open);
+    EXPECT_TRUE(Connection(root + "live/" + name).open());
     EXPECT_TRUE(received(server, name));
   }
 }
@@ -316,13 +375,31 @@ TEST(Wire, KeepsTheStreamsKeyOutOfTheLog) {
   ZelStreamRtmpSocket::setLogLevel(6);
   for (const auto fault : {WireFault::None, WireFault::RefusePublish, WireFault::CloseAfterConnect}) {
     const WireServer server(fault);
-    const Connection connection(server.url("s3cr3t-k3y?token=t0k3n"));
-    EXPECT_EQ(connection.open, fault == WireFault::None);
+    Connection connection(server.url("s3cr3t-k3y?token=t0k3n"));
+    EXPECT_EQ(connection.open(), fault == WireFault::None);
     EXPECT_EQ(connection.error.message.find("s3cr3t"), std::string::npos) << "where the server repeats it";
   }
   ZelStreamRtmpSocket::setLogLevel(1);
   EXPECT_GT(log.count("Live: librtmp: "), 10U);
   EXPECT_EQ(log.count("s3cr3t") + log.count("t0k3n"), 0U);
+}
+
+TEST(HostResolver, GivesUpWithoutWaitingForTheNameService) {
+  struct Stuck : NameService {
+    HostAddresses lookUp(const std::string&, std::uint16_t) override {
+      (void)over.wait();
+      return {};
+    }
+    Event over;
+  };
+  const auto stuck = std::make_shared<Stuck>();
+  AbortSwitch thrown;
+  thrown.throwSwitch(AbortSwitch::State::Aborted);
+  const AbortSwitch open;
+  EXPECT_EQ(resolveHost(stuck, "host", 80, 60s, thrown).failure, "given up");
+  EXPECT_EQ(resolveHost(stuck, "host", 80, 0s, open).failure, "the name service does not answer");
+  EXPECT_EQ(resolveHost(stuck, "::1", 80, 60s, open).addresses.size(), 1U) << "an address needs no name service";
+  stuck->over.set();
 }
 
 }  // namespace
