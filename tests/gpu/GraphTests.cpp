@@ -158,7 +158,11 @@ TEST_F(Graph, StillCaptureKeepsOneFrameAndWaitsThreeSeconds) {
   EXPECT_FALSE(filter->newCGImageFromCurrentlyProcessedOutput());
   EXPECT_EQ(GpuPlatform::lastLimit.load(), std::chrono::seconds(3));
 
+  // Two frames come before it is taken; the earlier one goes back.
   send();
+  const auto former = filter->framebufferForOutput();
+  send();
+  EXPECT_EQ(former->framebufferReferenceCount(), 0U);
   auto image = filter->newCGImageFromCurrentlyProcessedOutput();
   ASSERT_TRUE(image);
   EXPECT_EQ(image->width(), 32U);
@@ -169,6 +173,8 @@ TEST_F(Graph, StillCaptureKeepsOneFrameAndWaitsThreeSeconds) {
   EXPECT_EQ(kept->framebufferReferenceCount(), 0U);
   send();
   EXPECT_FALSE(filter->framebufferForOutput());
+  filter->useNextFrameForImageCapture();
+  EXPECT_FALSE(filter->newCGImageFromCurrentlyProcessedOutput()) << "it waits for a frame of its own";
 }
 
 class TwoInputs : public GpuTest {

@@ -43,41 +43,28 @@ void GPUImageCropFilter::newFrameReadyAtTime(MediaTime frameTime, std::size_t) {
     const std::lock_guard lock(regionMutex_);
     coordinates = cropTextureCoordinates_;
   }
-  renderToTexture(kWholeQuad, coordinates);
+  renderToTextureWithVertices(kWholeQuad, coordinates);
   informTargetsAboutNewFrameAtTime(frameTime);
 }
 
 void GPUImageCropFilter::calculateCropTextureCoordinates() {
-  const auto x0 = static_cast<float>(cropRegion_.x);
-  const auto y0 = static_cast<float>(cropRegion_.y);
-  const auto x1 = static_cast<float>(cropRegion_.x + cropRegion_.width);
-  const auto y1 = static_cast<float>(cropRegion_.y + cropRegion_.height);
-  auto& corners = cropTextureCoordinates_;
-  switch (turn_) {
-    case kGPUImageTurnNone:
-      corners = {x0, y0, x1, y0, x0, y1, x1, y1};
-      break;
-    case kGPUImageTurnLeft:
-      corners = {y1, 1 - x1, y1, 1 - x0, y0, 1 - x1, y0, 1 - x0};
-      break;
-    case kGPUImageTurnRight:
-      corners = {y0, 1 - x0, y0, 1 - x1, y1, 1 - x0, y1, 1 - x1};
-      break;
-    case kGPUImageTurnFlipVertical:
-      corners = {x0, y1, x1, y1, x0, y0, x1, y0};
-      break;
-    case kGPUImageTurnFlipHorizontal:
-      corners = {x1, y0, x0, y0, x1, y1, x0, y1};
-      break;
-    case kGPUImageTurnRightFlipVertical:
-      corners = {y0, 1 - x1, y0, 1 - x0, y1, 1 - x1, y1, 1 - x0};
-      break;
-    case kGPUImageTurnRightFlipHorizontal:
-      corners = {y1, 1 - x0, y1, 1 - x1, y0, 1 - x0, y0, 1 - x1};
-      break;
-    case kGPUImageTurn180:
-      corners = {x1, y1, x0, y1, x1, y0, x0, y0};
-      break;
+  if (turn_ < kGPUImageTurnNone || turn_ > kGPUImageTurn180) {
+    return;
+  }
+  // The corners of the whole input, drawn together to those of the region. Where the sides are swapped, the region's
+  // height runs along s and its width, from the far side, along t.
+  struct Span {
+    double from, to;
+  };
+  const Span across{cropRegion_.x, cropRegion_.x + cropRegion_.width};
+  const Span down{cropRegion_.y, cropRegion_.y + cropRegion_.height};
+  const bool swaps = turnSwapsSides(turn_);
+  const Span s = swaps ? down : across;
+  const Span t = swaps ? Span{1 - across.to, 1 - across.from} : down;
+  const auto& whole = textureCoordinatesForRotation(turn_);
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    const Span& span = i % 2 == 0 ? s : t;
+    cropTextureCoordinates_[i] = static_cast<float>(whole[i] == 0 ? span.from : span.to);
   }
 }
 

@@ -104,13 +104,13 @@ void GPUImageFilter::initializeAttributes() {
   filterProgram_->addAttribute("inputTextureCoordinate");
 }
 
-void GPUImageFilter::setBackgroundColor(float red, float green, float blue, float alpha) {
+void GPUImageFilter::setBackgroundColorRed(float red, float green, float blue, float alpha) {
   const std::lock_guard lock(colorMutex_);
   backgroundColor_ = {red, green, blue, alpha};
 }
 
 void GPUImageFilter::newFrameReadyAtTime(MediaTime frameTime, std::size_t) {
-  renderToTexture(kWholeQuad, textureCoordinatesForRotation(inputRotation_));
+  renderToTextureWithVertices(kWholeQuad, textureCoordinatesForRotation(inputRotation_));
   informTargetsAboutNewFrameAtTime(frameTime);
 }
 
@@ -171,9 +171,12 @@ bool GPUImageFilter::mayHandOnInput(const GPUImageQuad& vertices, const GPUImage
          input->textureOptions() == outputTextureOptions();
 }
 
-void GPUImageFilter::renderToTexture(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates) {
+void GPUImageFilter::renderToTextureWithVertices(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates) {
   if (preventRendering_) {
     unlockInputs();
+    // A frame that was kept for capture is not this one.
+    removeOutputFramebuffer();
+    capturesThisFrame_ = false;
     return;
   }
   GPUImageContext::setActiveShaderProgram(filterProgram_);
@@ -187,6 +190,10 @@ void GPUImageFilter::renderToTexture(const GPUImageQuad& vertices, const GPUImag
   output->activateFramebuffer();
   if (capturesThisFrame_) {
     output->lock();
+    // Of the frames that come before the capture is taken, the latest is kept.
+    if (const auto former = std::exchange(captured_, output)) {
+      former->unlock();
+    }
   }
   if (!handsOn) {
     draw(vertices, textureCoordinates);
@@ -247,7 +254,9 @@ void GPUImageFilter::endProcessing() {
 
 void GPUImageFilter::useNextFrameForImageCapture() {
   usingNextFrameForImageCapture_ = true;
-  imageCaptureSemaphore_.tryWait();
+  // Every frame of the last capture has signalled.
+  while (imageCaptureSemaphore_.tryWait()) {
+  }
 }
 
 std::unique_ptr<Image> GPUImageFilter::newCGImageFromCurrentlyProcessedOutput() {
@@ -255,10 +264,20 @@ std::unique_ptr<Image> GPUImageFilter::newCGImageFromCurrentlyProcessedOutput() 
   if (!imageCaptureSemaphore_.wait(*platform.queues->globalQueue(), kLongestCapture)) {
     return nullptr;
   }
-  const auto framebuffer = framebufferForOutput();
-  usingNextFrameForImageCapture_ = false;
-  imageCaptureSemaphore_.signal();
-  return framebuffer ? framebuffer->newCGImageFromFramebufferContents() : nullptr;
+  std::unique_ptr<Image> image;
+  // Between frames, so that none replaces the one that is taken.
+  runSynchronouslyOnVideoProcessingQueue([&] {
+    auto framebuffer = std::exchange(captured_, nullptr);
+    if (!framebuffer && (framebuffer = framebufferForOutput())) {
+      framebuffer->lock();
+    }
+    usingNextFrameForImageCapture_ = false;
+    imageCaptureSemaphore_.signal();
+    if (framebuffer) {
+      image = framebuffer->newCGImageFromFramebufferContents();
+    }
+  });
+  return image;
 }
 
 }  // namespace zellive

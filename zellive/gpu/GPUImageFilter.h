@@ -41,7 +41,7 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
   [[nodiscard]] static std::shared_ptr<GPUImageFilter> createWithFragmentShaderFromFile(const std::string& name);
 
   /// The colour that a frame starts with, 0…1.
-  void setBackgroundColor(float red, float green, float blue, float alpha);
+  void setBackgroundColorRed(float red, float green, float blue, float alpha);
   /// Renders at this size, whatever the input's; zero for the input's own.
   void forceProcessingAtSize(Size size) override;
   /// Renders at the input's shape in the largest size that fits into this one; zero for the input's own.
@@ -127,7 +127,7 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
   virtual void setupFilterForSize(Size) {}
   /// `size` as it is after the turn of input `index`.
   [[nodiscard]] virtual Size rotatedSize(Size size, std::size_t index) const;
-  virtual void renderToTexture(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates);
+  virtual void renderToTextureWithVertices(const GPUImageQuad& vertices, const GPUImageQuad& textureCoordinates);
   virtual void informTargetsAboutNewFrameAtTime(MediaTime frameTime);
   /// Lets go of the inputs of a frame.
   virtual void unlockInputs();
@@ -162,6 +162,7 @@ class GPUImageFilter : public GPUImageOutput, public GPUImageInput {
   GPUImageInputTurn inputRotation_ = kGPUImageTurnNone;
   std::unordered_map<std::int32_t, UniformBlock> uniformStateRestorationBlocks_;
   bool capturesThisFrame_ = false;
+  std::shared_ptr<GPUImageFramebuffer> captured_;  // With a lock of its own.
 
   std::mutex colorMutex_;
   Vector4 backgroundColor_{};  // Guarded by colorMutex_.
