@@ -4,6 +4,7 @@
 
 #include "tests/session/SessionFixture.h"
 #include "tests/support/ColourScene.h"
+#include "tests/support/FakeMicrophones.h"
 
 namespace zellive::test {
 namespace {
@@ -203,6 +204,31 @@ TEST_F(SessionTest, BroadcastErrorsBecomeStates) {
 }
 
 // ---- What stands in for a source that is off
+
+TEST_F(SessionTest, TheMicrophoneRunsAsTheSessionSaysAndIsStampedOnArrival) {
+  const auto microphones = std::make_shared<FakeMicrophones>();
+  manual.audioInputs = microphones;
+  const auto asked = [&](bool running) {
+    session->setRunning(running);
+    manual.runPending();
+    return microphones->take();
+  };
+  for (const std::int64_t without : {ZelLiveInputAudio | ZelLiveInputVideo, ZelLiveCaptureAudio | ZelLiveReplayVideo}) {
+    make(without);
+    EXPECT_EQ(asked(true), "") << without;
+  }
+  connect(ZelLiveCaptureAudio);
+  EXPECT_EQ(microphones->callback, nullptr) << "made before it is asked for";
+  EXPECT_EQ(asked(true), "start ");
+  microphones->deliver(std::vector<std::uint8_t>(4096));
+  EXPECT_EQ(take(), "a21 ");
+  EXPECT_EQ(asked(false), "stop ");
+  EXPECT_EQ(asked(true), "start ");
+  EXPECT_EQ(log.count("no camera or screen source"), 1U);  // The one with the screen.
+  session->stopLive();
+  EXPECT_EQ(microphones->take(), "stop gone ");
+  EXPECT_EQ(asked(false), "");
+}
 
 TEST_F(SessionTest, SilenceTakesTheRhythmOfTheLastPush) {
   // Blocks of 100 ms, or the 21 ms of the beginning where no whole sample came, and so many units of the first one.

@@ -237,6 +237,10 @@ void ZelLiveSession::clean() {
   released.streamInfo.reset();
   released.audioEncoder.reset();
   released.videoEncoder.reset();
+  released.audioConfiguration.reset();
+  released.videoConfiguration.reset();
+  released.debugInfo.reset();
+  released.audioCapture.reset();
 }
 
 // ---- Stages
@@ -267,6 +271,19 @@ std::shared_ptr<ZelStreamRtmpSocket> ZelLiveSession::makeSocket(std::shared_ptr<
 std::shared_ptr<ZelStreamRtmpSocket> ZelLiveSession::socket() const {
   const std::lock_guard lock(stagesLock_);
   return stages_.socket;
+}
+
+std::shared_ptr<ZelLiveAudioCapture> ZelLiveSession::audioCapture() {
+  if (!hasType(ZelLiveCaptureAudio)) {
+    return nullptr;
+  }
+  return stage(&Stages::audioCapture, [this] {
+    auto capture = ZelLiveAudioCapture::create(audioConfiguration(), platform_);
+    if (capture) {
+      capture->setDelegate(weak_from_this());
+    }
+    return capture;
+  });
 }
 
 std::shared_ptr<ZelHardwareAudioEncoder> ZelLiveSession::audioEncoder() {
@@ -489,9 +506,17 @@ void ZelLiveSession::setRunning(bool running) {
   if (running_.exchange(running) == running) {
     return;
   }
-  if (running && hasType(ZelLiveCaptureAudio | ZelLiveCaptureVideo | ZelLiveAnyReplay)) {
-    ZEL_LOG_WARNING("Live: this version has no microphone, camera or screen source; push audio and pictures instead");
+  if (running && hasType(ZelLiveCaptureVideo | ZelLiveAnyReplay)) {
+    ZEL_LOG_WARNING("Live: this version has no camera or screen source; push pictures instead");
   }
+  const auto microphone = hasType(ZelLiveAnyReplay) ? nullptr : audioCapture();
+  bool told = running;
+  do {  // Another thread may change it meanwhile: the last word counts.
+    told = running_;
+    if (microphone) {
+      microphone->setRunning(told);
+    }
+  } while (told != running_);
   keyValueObservers_.post("running", {{"new", running ? 1 : 0}});
 }
 

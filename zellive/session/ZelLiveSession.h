@@ -12,6 +12,7 @@
 
 #include "zellive/audio/ZelLiveAudioPool.h"
 #include "zellive/capture/CaptureDelegates.h"
+#include "zellive/capture/ZelLiveAudioCapture.h"
 #include "zellive/capture/ZelLivePixelBufferFitSizeFilter.h"
 #include "zellive/capture/ZelLiveTool.h"
 #include "zellive/codec/ZelHardwareAudioEncoder.h"
@@ -194,6 +195,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
     AudioConfiguration audioConfiguration;
     VideoConfiguration videoConfiguration;
     std::optional<ZelLiveDebug> debugInfo;
+    std::shared_ptr<ZelLiveAudioCapture> audioCapture;
     std::weak_ptr<ZelLiveSessionDelegate> delegate;
     std::shared_ptr<ZelLiveAudioPool> audioPool;
     std::shared_ptr<ZelLivePixelBufferFitSizeFilter> pbFilter;
@@ -205,6 +207,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   template <typename Stage, typename Make>
   std::shared_ptr<Stage> stage(std::shared_ptr<Stage> Stages::*member, Make make);
   std::shared_ptr<ZelStreamRtmpSocket> socket() const;
+  std::shared_ptr<ZelLiveAudioCapture> audioCapture();
   std::shared_ptr<ZelHardwareAudioEncoder> audioEncoder();
   std::shared_ptr<ZelHardwareVideoEncoder> videoEncoder();
   std::shared_ptr<ZelHardwareVideoEncoder> existingVideoEncoder() const;
