@@ -37,6 +37,13 @@ std::shared_ptr<GPUImageFramebuffer> GPUImageFramebuffer::createWithTexture(Size
   return made;
 }
 
+std::shared_ptr<GPUImageFramebuffer> GPUImageFramebuffer::createWithTexture(
+    Size size, std::shared_ptr<const PixelBufferTexture> cachedTexture) {
+  auto made = createWithTexture(size, cachedTexture->name);
+  made->cachedTexture_ = std::move(cachedTexture);
+  return made;
+}
+
 GPUImageFramebuffer::~GPUImageFramebuffer() { destroyFramebuffer(); }
 
 void GPUImageFramebuffer::generateTexture() {
@@ -80,8 +87,9 @@ void GPUImageFramebuffer::destroyFramebuffer() {
   runSynchronouslyOnVideoProcessingQueue([this] {
     GPUImageContext::useImageProcessingContext();
     glDeleteFramebuffers(1, &framebuffer_);
-    if (renderTarget_) {
+    if (renderTarget_ || cachedTexture_) {
       renderTarget_.reset();
+      cachedTexture_.reset();
     } else {
       glDeleteTextures(1, &texture_);
     }

@@ -40,6 +40,9 @@ class GPUImageFramebuffer : public std::enable_shared_from_this<GPUImageFramebuf
   /// Around a texture of the shared context, which is deleted with it. Counting is disabled.
   [[nodiscard]] static std::shared_ptr<GPUImageFramebuffer> createWithTexture(Size size,
                                                                               std::uint32_t overriddenTexture);
+  /// Around a texture of the shared context's texture cache, which serves again after this. Counting is disabled.
+  [[nodiscard]] static std::shared_ptr<GPUImageFramebuffer> createWithTexture(
+      Size size, std::shared_ptr<const PixelBufferTexture> cachedTexture);
   ~GPUImageFramebuffer();
   GPUImageFramebuffer(const GPUImageFramebuffer&) = delete;
   GPUImageFramebuffer& operator=(const GPUImageFramebuffer&) = delete;
@@ -101,6 +104,7 @@ class GPUImageFramebuffer : public std::enable_shared_from_this<GPUImageFramebuf
   std::uint32_t framebuffer_ = 0;
   std::uint32_t texture_ = 0;
   std::shared_ptr<RenderTarget> renderTarget_;
+  std::shared_ptr<const PixelBufferTexture> cachedTexture_;
   // On the video-processing queue.
   std::shared_ptr<PixelBuffer> lockedBytes_;
 

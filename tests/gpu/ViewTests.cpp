@@ -1,0 +1,77 @@
+// The two ends of the graph that show and are views: GPUImageView against plain C++, GPUImageUIElement through a
+// filter.
+#include <cairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+#include "tests/gpu/GpuTest.h"
+#include "zellive/gpu/GPUImageAlphaBlendFilter.h"
+#include "zellive/gpu/GPUImageUIElement.h"
+#include "zellive/gpu/GPUImageView.h"
+
+namespace zellive::test {
+namespace {
+
+/// Filtering between pixels has eight bits of weight, and neighbours differ by up to 255.
+constexpr double kFiltered = 2.5;
+
+/// Where a turned picture's pixel comes from: for u, v from the upper left, 0…1.
+Color turnedSample(const PixelBuffer& picture, int turn, double u, double v) {
+  const auto& plane = picture.plane(0);
+  switch (turn) {
+    case 1:
+      return sampleLinear(plane, 4, 1 - v, u);
+    case 2:
+      return sampleLinear(plane, 4, v, 1 - u);
+    case 3:
+      return sampleLinear(plane, 4, u, 1 - v);
+    case 4:
+      return sampleLinear(plane, 4, 1 - u, v);
+    case 5:
+      return sampleLinear(plane, 4, v, u);
+    case 6:
+      return sampleLinear(plane, 4, 1 - v, 1 - u);
+    case 7:
+      return sampleLinear(plane, 4, 1 - u, 1 - v);
+    default:
+      return sampleLinear(plane, 4, u, v);
+  }
+}
+
+class EveryFillModeAndTurn : public testing::TestWithParam<std::tuple<int, int>> {};
+INSTANTIATE_TEST_SUITE_P(All, EveryFillModeAndTurn, testing::Combine(testing::Range(0, 3), testing::Range(0, 8)));
+
+TEST_P(EveryFillModeAndTurn, ShowsTheFrameAtTheSizeThatTheViewHas) {
+  const auto [mode, turn] = GetParam();
+  const auto picture = samplePicture(PixelFormat::BGRA, 40, 22);
+  const auto source = std::make_shared<PictureSource>();
+  source->turn = static_cast<GPUImageInputTurn>(turn);
+  const auto view = GPUImageView::create({5, 5, 64, 48});
+  view->setBackgroundColor({1, 0.5, 0, 0.8});
+  view->setFillMode(static_cast<GPUImageFillMode>(mode));
+  source->addTarget(view);
+  source->send(*picture);
+  const bool swaps = turnSwapsSides(source->turn);
+  for (const Size size : {Size{64, 48}, Size{31, 57}}) {
+    view->setFrame({5, 5, size.width, size.height});
+    const double across = size.width / (swaps ? 22 : 40);
+    const double down = size.height / (swaps ? 40 : 22);
+    const double scale = mode == 1 ? std::min(across, down) : std::max(across, down);
+    EXPECT_TRUE(matches(view->picture(), static_cast<std::size_t>(size.width), static_cast<std::size_t>(size.height),
+                        kFiltered, [&](std::size_t x, std::size_t y) {
+                          const auto along = [&](std::size_t at, double length, double factor) {
+                            const double place = (static_cast<double>(at) + 0.5) / length - 0.5;
+                            return (mode == 0 ? place : place * factor / scale) + 0.5;
+                          };
+                          const double u = along(x, size.width, across);
+                          const double v = along(y, size.height, down);
+                          const bool inside = u >= 0 && u <= 1 && v >= 0 && v <= 1;
+                          return inside ? turnedSample(*picture, turn, u, v) : Color{0, 102, 204, 204};
+                        }));
+  }
+}
+
+}  // namespace
+}  // namespace zellive::test
