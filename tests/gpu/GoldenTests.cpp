@@ -25,13 +25,6 @@ std::shared_ptr<PixelBuffer> rendered(PictureSource& source, GPUImageFilter& fil
   return result;
 }
 
-/// How a turn fetches its output's pixels: with rows and columns exchanged, and from the far side.
-struct Turn {
-  bool swaps, mirrorsX, mirrorsY;
-};
-constexpr Turn kTurns[] = {{false, false, false}, {true, true, true},  {true, false, false}, {false, false, true},
-                           {false, true, false},  {true, true, false}, {true, false, true},  {false, true, true}};
-
 class EveryTurn : public testing::TestWithParam<int> {
  protected:
   /// What `filter` makes of the picture must be `region` of it, turned.
@@ -44,12 +37,8 @@ class EveryTurn : public testing::TestWithParam<int> {
     const auto height = static_cast<double>(turn.swaps ? picture.width() : picture.height()) * region.height;
     EXPECT_TRUE(matches(rendered(*source, filter, picture), static_cast<std::size_t>(width),
                         static_cast<std::size_t>(height), tolerance, [&](std::size_t x, std::size_t y) {
-                          const double u = (static_cast<double>(x) + 0.5) / width;
-                          const double v = (static_cast<double>(y) + 0.5) / height;
-                          const double across = region.x + region.width * (turn.mirrorsX ? 1 - u : u);
-                          const double down = region.y + region.height * (turn.mirrorsY ? 1 - v : v);
-                          return turn.swaps ? sampleLinear(picture.plane(0), 4, down, 1 - across)
-                                            : sampleLinear(picture.plane(0), 4, across, down);
+                          const auto at = turn.source(x, y, {width, height}, region);
+                          return sampleLinear(picture.plane(0), 4, at.x, at.y);
                         }));
   }
 };

@@ -151,6 +151,13 @@ void GPUImageContext::setActiveShaderProgram(const std::shared_ptr<GLProgram>& p
   sharedImageProcessingContext().setContextShaderProgram(program);
 }
 
+void GPUImageContext::finishDrawing() {
+  runSynchronouslyOnVideoProcessingQueue([] {
+    useImageProcessingContext();
+    glFinish();
+  });
+}
+
 std::int32_t GPUImageContext::maximumTextureSizeForThisDevice() {
   static std::atomic<std::int32_t> known = 0;
   return limit(GL_MAX_TEXTURE_SIZE, known);

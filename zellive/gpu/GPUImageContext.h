@@ -48,6 +48,9 @@ class GPUImageContext {
   /// Queue: draws with `program`, of the shared instance, from now on.
   static void setActiveShaderProgram(const std::shared_ptr<GLProgram>& program);
 
+  /// Waits until everything that was drawn with the shared context is there. Any thread.
+  static void finishDrawing();
+
   /// Limits of the shared context, read from the driver once. 0 where there is no OpenGL ES. They wait for its queue.
   [[nodiscard]] static std::int32_t maximumTextureSizeForThisDevice();
   [[nodiscard]] static std::int32_t maximumTextureUnitsForThisDevice();
