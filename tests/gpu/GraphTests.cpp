@@ -173,8 +173,10 @@ TEST_F(Graph, StillCaptureKeepsOneFrameAndWaitsThreeSeconds) {
   EXPECT_EQ(kept->framebufferReferenceCount(), 0U);
   send();
   EXPECT_FALSE(filter->framebufferForOutput());
+  GpuPlatform::lastLimit = std::chrono::nanoseconds(0);
   filter->useNextFrameForImageCapture();
-  EXPECT_FALSE(filter->newCGImageFromCurrentlyProcessedOutput()) << "it waits for a frame of its own";
+  EXPECT_FALSE(filter->newCGImageFromCurrentlyProcessedOutput());
+  EXPECT_EQ(GpuPlatform::lastLimit.load(), std::chrono::seconds(3)) << "each capture waits for a frame of its own";
 }
 
 class TwoInputs : public GpuTest {

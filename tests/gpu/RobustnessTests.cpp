@@ -90,6 +90,7 @@ TEST_F(Robustness, FiltersComeAndGoWhileFramesFly) {
   whileMeddling([&] { send(); },
                 [&] {
                   for (int i = 0; i < 200; ++i) {
+                    GpuPlatform::contextLost = i % 32 > 28;
                     const auto filter = GPUImageAlphaBlendFilter::create();
                     filter->disableSecondFrameCheck();
                     source_->addTarget(filter);
