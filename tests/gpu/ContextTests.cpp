@@ -53,6 +53,27 @@ TEST(Context, ProgramsAreSharedByEqualSourcesUntilReleased) {
   });
 }
 
+TEST(Context, ContextsOfOneShareGroupKnowEachOthersTextures) {
+  GPUImageContext owner;
+  GPUImageContext stranger;
+  GPUImageContext friendly;
+  friendly.useSharegroup(owner.context());
+  (void)stranger.context();
+  stranger.useSharegroup(owner.context());
+  GLuint texture = 0;
+  runSynchronouslyOnContextQueue(owner, [&] {
+    owner.useAsCurrentContext();
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+  });
+  for (auto* const context : {&friendly, &stranger}) {
+    runSynchronouslyOnContextQueue(*context, [&] {
+      context->useAsCurrentContext();
+      EXPECT_EQ(glIsTexture(texture), context == &friendly) << "too late once there is a context";
+    });
+  }
+}
+
 TEST(Context, SizesKeepTheirShapeWithinTheTextureLimit) {
   const double m = GPUImageContext::maximumTextureSizeForThisDevice();
   ASSERT_GE(m, 2048);
