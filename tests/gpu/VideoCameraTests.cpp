@@ -266,20 +266,18 @@ TEST_F(VideoCamera, ALostContextLeavesFramesDark) {
 }
 
 TEST_F(VideoCamera, GoesAtAnyTimeWithFramesUnderWay) {
-  const auto session = cameras->session;
-  whileMeddling([&] { session->deliver(picture); },
+  FakeSessions sessions(100);
+  whileMeddling([&] { sessions.deliver(picture); },
                 [&] {
-                  for (int i = 0; i < 100; ++i) {
-                    cameras->next = session;
-                    session->camera.reset();
+                  for (sessions.at = 0; sessions.at < sessions.all.size() - 1; ++sessions.at) {
+                    cameras->next = sessions.all[sessions.at];
                     make();
-                    camera->setOutputImageOrientation(i % 5);
+                    camera->setOutputImageOrientation(static_cast<std::int64_t>(sessions.at % 5));
                     camera.reset();
                   }
                 });
   onQueue([] {});
-  EXPECT_FALSE(session->running);
-  EXPECT_FALSE(session->camera);
+  EXPECT_TRUE(std::ranges::none_of(sessions.all, [](const auto& each) { return each->running || each->camera; }));
 }
 
 }  // namespace

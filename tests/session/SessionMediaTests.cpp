@@ -4,7 +4,10 @@
 
 #include "tests/session/SessionFixture.h"
 #include "tests/support/ColourScene.h"
+#include "tests/support/FakeCameras.h"
 #include "tests/support/FakeMicrophones.h"
+#include "zellive/capture/ZelLiveVideoCapture.h"
+#include "zellive/gpu/GPUImageQueues.h"
 
 namespace zellive::test {
 namespace {
@@ -224,10 +227,55 @@ TEST_F(SessionTest, TheMicrophoneRunsAsTheSessionSaysAndIsStampedOnArrival) {
   EXPECT_EQ(take(), "a21 ");
   EXPECT_EQ(asked(false), "stop ");
   EXPECT_EQ(asked(true), "start ");
-  EXPECT_EQ(log.count("no camera or screen source"), 1U);  // The one with the screen.
+  EXPECT_EQ(log.count("no screen source"), 1U);  // The one with the screen.
   session->stopLive();
   EXPECT_EQ(microphones->take(), "stop gone ");
   EXPECT_EQ(asked(false), "");
+}
+
+TEST_F(SessionTest, TheCameraRunsAsTheSessionSays) {
+  const auto cameras = std::make_shared<FakeCameras>();
+  const auto microphones = std::make_shared<FakeMicrophones>();
+  manual.cameras = cameras;
+  manual.audioInputs = microphones;
+  make(ZelLiveCaptureAudio);
+  EXPECT_FALSE(session->videoCapture());
+  EXPECT_FALSE(session->preView());
+  for (const std::int64_t type : {ZelLiveCaptureVideo | 0, ZelLiveCaptureAudio | ZelLiveCaptureVideo}) {
+    connect(type);
+    std::string changes;
+    const auto note = [&](const char* key) {
+      return session->observe(
+          key, [&, key](const UserInfo& change) { changes += key + std::to_string(change.at("new")) + " "; });
+    };
+    const auto position = note("captureDevicePosition");
+    const auto preView = note("preView");
+    const auto window = std::make_shared<View>(Rect{0, 0, 36, 64});
+    session->setPreView(window);
+    session->setCaptureDevicePosition(2);
+    session->setCaptureDevicePosition(1);
+    EXPECT_EQ(changes, "preView1 captureDevicePosition1 ");
+    EXPECT_EQ(session->preView(), window);
+    EXPECT_EQ(session->captureDevicePosition(), 1);
+    EXPECT_FALSE(cameras->session->running);
+    session->setRunning(true);
+    manual.runPending();
+    EXPECT_TRUE(cameras->session->running);
+    if (type != ZelLiveCaptureVideo) {
+      microphones->deliver(std::vector<std::uint8_t>(4096));
+    }
+    cameras->session->deliver(PixelBuffer::create(PixelFormat::BiPlanarFullRange, 1280, 720));
+    runSynchronouslyOnVideoProcessingQueue([] {});
+    manual.runPending();
+    EXPECT_EQ(take('K'), 1) << type;
+    session->setRunning(false);
+    EXPECT_FALSE(cameras->session->running);
+    session->stopLive();
+    EXPECT_TRUE(window->subviews().empty());
+    EXPECT_FALSE(session->videoCapture());
+    session->setRunning(true);
+    EXPECT_FALSE(cameras->session->running);
+  }
 }
 
 TEST_F(SessionTest, SilenceTakesTheRhythmOfTheLastPush) {

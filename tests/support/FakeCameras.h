@@ -96,6 +96,17 @@ struct FakeCaptureSession : CaptureSession {
   std::atomic<bool> running = false;
 };
 
+/// Sessions one after the other, of which one delivers at a time: for objects that go while their sessions deliver.
+struct FakeSessions {
+  explicit FakeSessions(std::size_t count) : all(count) {
+    std::ranges::generate(all, [] { return std::make_shared<FakeCaptureSession>(); });
+  }
+  void deliver(const std::shared_ptr<PixelBuffer>& picture) { all[at]->deliver(picture); }
+
+  std::vector<std::shared_ptr<FakeCaptureSession>> all;
+  std::atomic<std::size_t> at = 0;
+};
+
 struct FakeCameras : CameraService {
   [[nodiscard]] std::vector<std::shared_ptr<CaptureDevice>> devices() const override {
     return {all.begin(), all.end()};

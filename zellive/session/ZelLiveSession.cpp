@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "zellive/capture/ZelLiveVideoCapture.h"
 #include "zellive/platform/Log.h"
 
 namespace zellive {
@@ -240,6 +241,7 @@ void ZelLiveSession::clean() {
   released.audioConfiguration.reset();
   released.videoConfiguration.reset();
   released.debugInfo.reset();
+  released.videoCapture.reset();
   released.audioCapture.reset();
 }
 
@@ -282,6 +284,21 @@ std::shared_ptr<ZelLiveAudioCapture> ZelLiveSession::audioCapture() {
     if (capture) {
       capture->setDelegate(weak_from_this());
     }
+    return capture;
+  });
+}
+
+std::shared_ptr<ZelLiveVideoCapture> ZelLiveSession::videoCapture() {
+  if (!hasType(ZelLiveCaptureVideo)) {
+    return nullptr;
+  }
+  return stage(&Stages::videoCapture, [this]() -> std::shared_ptr<ZelLiveVideoCapture> {
+    const auto configuration = videoConfiguration();
+    if (!configuration) {
+      return nullptr;  // The session has ended meanwhile.
+    }
+    auto capture = ZelLiveVideoCapture::create(configuration, platform_);
+    capture->setDelegate(weak_from_this());
     return capture;
   });
 }
@@ -506,23 +523,45 @@ void ZelLiveSession::setRunning(bool running) {
   if (running_.exchange(running) == running) {
     return;
   }
-  if (running && hasType(ZelLiveCaptureVideo | ZelLiveAnyReplay)) {
-    ZEL_LOG_WARNING("Live: this version has no camera or screen source; push pictures instead");
+  if (running && hasType(ZelLiveAnyReplay)) {
+    ZEL_LOG_WARNING("Live: this version has no screen source; push pictures instead");
   }
   const auto microphone = hasType(ZelLiveAnyReplay) ? nullptr : audioCapture();
+  const auto camera = hasType(ZelLiveAnyReplay) ? nullptr : videoCapture();
   bool told = running;
   do {  // Another thread may change it meanwhile: the last word counts.
     told = running_;
     if (microphone) {
       microphone->setRunning(told);
     }
+    if (camera) {
+      camera->setRunning(told);
+    }
   } while (told != running_);
   keyValueObservers_.post("running", {{"new", running ? 1 : 0}});
 }
 
+void ZelLiveSession::setPreView(const std::shared_ptr<View>& view) {
+  if (const auto camera = videoCapture()) {
+    camera->setPreView(view);
+    keyValueObservers_.post("preView", {{"new", view ? 1 : 0}});
+  }
+}
+
+std::shared_ptr<View> ZelLiveSession::preView() {
+  const auto camera = videoCapture();
+  return camera ? camera->preView() : nullptr;
+}
+
+std::int64_t ZelLiveSession::captureDevicePosition() {
+  const auto camera = videoCapture();
+  return camera ? camera->captureDevicePosition() : CaptureDevicePositionUnspecified;
+}
+
 void ZelLiveSession::setCaptureDevicePosition(std::int64_t position) {
-  if (captureDevicePosition_.exchange(position) != position) {
-    keyValueObservers_.post("captureDevicePosition", {{"new", position}});
+  if (const auto camera = videoCapture(); camera && camera->captureDevicePosition() != position) {
+    camera->setCaptureDevicePosition(position);
+    keyValueObservers_.post("captureDevicePosition", {{"new", camera->captureDevicePosition()}});
   }
 }
 

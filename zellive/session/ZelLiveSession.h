@@ -31,6 +31,8 @@
 
 namespace zellive {
 
+class View;
+
 /// Publishes one live stream: the one object that an application deals with.
 ///
 /// Make one for a capture type and two configurations, give it a delegate, call startLive with a push URL, push audio
@@ -109,9 +111,16 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   /// Capture on or off.
   [[nodiscard]] bool running() const { return running_; }
   void setRunning(bool running);
-  /// Front (2) or back (1) camera.
-  [[nodiscard]] std::int64_t captureDevicePosition() const { return captureDevicePosition_; }
+  /// Shows what the camera gives in all of `view`, behind what else is in it; null shows it nowhere. Without effect
+  /// unless the type has ZelLiveCaptureVideo, as the next.
+  [[nodiscard]] std::shared_ptr<View> preView();
+  void setPreView(const std::shared_ptr<View>& view);
+  /// Front (2) or back (1) camera; 0 without one.
+  [[nodiscard]] std::int64_t captureDevicePosition();
   void setCaptureDevicePosition(std::int64_t position);
+  /// What more there is to set on the camera: torch, zoom, mirroring, frame rate, watermark. Made at the first call;
+  /// null unless the type has ZelLiveCaptureVideo, and after the end.
+  [[nodiscard]] std::shared_ptr<ZelLiveVideoCapture> videoCapture();
   /// 1 to 3, the noise suppressor's strength; other values are ignored. 0 until set.
   [[nodiscard]] std::int64_t denoiseLevel() const;
   void setDenoiseLevel(std::int64_t level);
@@ -147,8 +156,8 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   [[nodiscard]] std::uint64_t videoBitRate() const;
   /// Pictures of this stream that were lost because the renderer or the encoder was too slow; 0 once it has ended.
   [[nodiscard]] std::uint64_t droppedPictures() const;
-  /// Calls `handler` with user information "new" after each change of "running" or "captureDevicePosition", on the
-  /// thread that makes the change.
+  /// Calls `handler` with user information "new" after each change of "running", "preView" (whether there is one) or
+  /// "captureDevicePosition", on the thread that makes the change.
   [[nodiscard]] NotificationCenter::Observation observe(std::string_view keyPath, NotificationCenter::Handler handler);
 
   // ---- Called by the stages
@@ -195,6 +204,7 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
     AudioConfiguration audioConfiguration;
     VideoConfiguration videoConfiguration;
     std::optional<ZelLiveDebug> debugInfo;
+    std::shared_ptr<ZelLiveVideoCapture> videoCapture;
     std::shared_ptr<ZelLiveAudioCapture> audioCapture;
     std::weak_ptr<ZelLiveSessionDelegate> delegate;
     std::shared_ptr<ZelLiveAudioPool> audioPool;
@@ -307,7 +317,6 @@ class ZelLiveSession : public std::enable_shared_from_this<ZelLiveSession>,
   std::atomic<bool> running_{false};
   std::atomic<bool> adaptiveBitRate_{false};
   std::atomic<bool> showDebugInfo_{false};
-  std::atomic<std::int64_t> captureDevicePosition_{0};
   std::atomic<std::uint64_t> reconnectInterval_{0};
   std::atomic<std::uint64_t> reconnectCount_{0};
   std::atomic<std::uint64_t> state_{0};
