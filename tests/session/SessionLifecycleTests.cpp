@@ -176,17 +176,6 @@ TEST_F(SessionTest, DestroyingASessionLeavesNothingBehind) {
   manual.notifications->post(notification::WillEnterForeground);
 }
 
-TEST_F(SessionTest, OnlyAChangeOfRunningIsToldToObservers) {
-  make(kPushed);
-  std::string seen;
-  const auto observation =
-      session->observe("running", [&](const UserInfo& change) { seen += std::to_string(change.at("new")); });
-  for (const bool running : {false, true, true, false}) {
-    session->setRunning(running);
-  }
-  EXPECT_EQ(seen, "10");
-}
-
 TEST_F(SessionTest, AFreshUrlReachesTheStream) {
   connect(kPushed);
   room->urlRequests.clear();

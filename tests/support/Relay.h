@@ -1,13 +1,15 @@
 #pragma once
 
-#include <netinet/in.h>
-#include <poll.h>
-
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "tests/support/Sockets.h"
+#include "zellive/platform/linux/Descriptor.h"
 
 namespace zellive::test {
 
@@ -40,37 +42,28 @@ class Relay {
 
  private:
   struct Link {
-    int client = -1;  ///< −1 once it is closed for the client alone.
-    int server = -1;  ///< −1 when there has never been one.
+    Descriptor client;  ///< None once it is closed for the client alone.
+    Descriptor server;  ///< None when there has never been one.
     std::size_t passed = 0;
     double allowance = 0;
-    bool stuck = false;  ///< The server takes no more at present.
   };
 
-  int bound();
-  void openListener();
-  void swallowRequests();
+  Descriptor bound();
   void run();
-  void wake();
-  void acceptOne();
-  [[nodiscard]] bool mayPass(const Link& link) const;
-  [[nodiscard]] std::vector<pollfd> wanted() const;
-  bool serve(Link& link, const pollfd& client, const pollfd& server) const;
-  template <typename Which>
-  void drop(Which which);
+  void acceptAll();
+  [[nodiscard]] bool serve(Link& link, double seconds) const;
 
   const std::uint16_t serverPort_;
   const std::uint32_t address_;
   std::uint16_t port_ = 0;
   std::mutex mutex_;
-  const int reserved_ = bound();  ///< Keeps the port while nobody listens.
-  int listener_ = -1;
-  int filler_ = -1;  ///< The connection that fills the queue of those who ask for one.
-  int wakeUp_;
-  Conduct conduct_ = Conduct::Pass;
+  std::condition_variable changed_;
+  const Descriptor reserved_ = bound();  ///< Keeps the port while nobody listens.
+  Descriptor listener_;
+  Descriptor filler_;  ///< The connection that fills the queue of those who ask for one.
+  Conduct conduct_ = Conduct::Refuse;
   double rate_ = 1e12;
   bool stop_ = false;
-  unsigned changes_ = 0;
   std::vector<Link> links_;
   std::thread thread_;
 };
