@@ -1,10 +1,9 @@
-#include <gtest/gtest.h>
+#include "zellive/gpu/GPUImageVideoCamera.h"
 
 #include "tests/gpu/GpuTest.h"
 #include "tests/support/Event.h"
 #include "tests/support/FakeCameras.h"
 #include "tests/support/ManualPlatform.h"
-#include "zellive/gpu/GPUImageVideoCamera.h"
 
 namespace zellive::test {
 namespace {
@@ -12,12 +11,19 @@ namespace {
 constexpr auto kRear = CaptureDevicePositionBack;
 constexpr auto kFront = CaptureDevicePositionFront;
 
+struct Matrix {
+  double black, luma, crRed, cbGreen, crGreen, cbBlue;
+};
+constexpr Matrix k601Full{0, 1, 1.4, -0.343, -0.711, 1.765};
+constexpr Matrix k601{16, 1.164, 1.596, -0.392, -0.813, 2.017};
+constexpr Matrix k709{16, 1.164, 1.793, -0.213, -0.533, 2.112};
+constexpr Matrix k709AsFull{0, 1.164, 1.793, -0.213, -0.533, 2.112};
+
 class VideoCamera : public testing::Test {
  protected:
   void make(CaptureDevicePosition position = kRear) {
     auto platform = std::make_shared<Platform>(*defaultPlatform());
     platform->cameras = cameras;
-    platform->clock = time;
     camera = GPUImageVideoCamera::create("AVCaptureSessionPreset1280x720", position, platform);
     if (camera) {
       camera->addTarget(sink);
@@ -30,9 +36,19 @@ class VideoCamera : public testing::Test {
     onQueue([] {});
     return sink->last ? sink->last->pixelBuffer() : nullptr;
   }
+  testing::AssertionResult showsPicture(const Turn& turn, const Matrix& m) {
+    const Size size = turn.swaps ? Size{36, 64} : Size{64, 36};
+    return matches(frameOf(picture), turn.swaps ? 36 : 64, turn.swaps ? 64 : 36, 2.5, [&](auto x, auto y) {
+      const auto at = turn.source(x, y, size);
+      const double luma = (sampleLinear(picture->plane(0), 1, at.x, at.y)[0] - m.black) * m.luma;
+      const auto pair = sampleLinear(picture->plane(1), 2, at.x, at.y);
+      const double cb = pair[0] - 127.5;
+      const double cr = pair[1] - 127.5;
+      return Color{luma + m.cbBlue * cb, luma + m.cbGreen * cb + m.crGreen * cr, luma + m.crRed * cr, 255};
+    });
+  }
 
   const std::shared_ptr<FakeCameras> cameras = std::make_shared<FakeCameras>();
-  const std::shared_ptr<ManualTime> time = std::make_shared<ManualTime>();
   const std::shared_ptr<Recorder> sink = std::make_shared<Recorder>();
   const std::shared_ptr<PixelBuffer> picture = samplePicture(PixelFormat::BiPlanarFullRange, 64, 36);
   std::shared_ptr<GPUImageVideoCamera> camera;
@@ -52,62 +68,29 @@ TEST_F(VideoCamera, TurnsAndMirrorsByPositionAndOrientation) {
       camera->setHorizontallyMirrorRearFacingCamera(row.mirrors == (row.position == kRear));
       camera->setHorizontallyMirrorFrontFacingCamera(row.mirrors == (row.position == kFront));
       camera->setOutputImageOrientation(orientation);
-      const Turn turn = kTurns[row.turns[orientation]];
-      const Size size = turn.swaps ? Size{36, 64} : Size{64, 36};
-      const auto frame = frameOf(picture);
-      EXPECT_TRUE(
-          matches(frame, static_cast<std::size_t>(size.width), static_cast<std::size_t>(size.height), 4,
-                  [&](std::size_t x, std::size_t y) {
-                    const auto at = turn.source(x, y, size);
-                    const double luma = sampleLinear(picture->plane(0), 1, at.x, at.y)[0];
-                    const auto pair = sampleLinear(picture->plane(1), 2, at.x, at.y);
-                    const double cb = pair[0] - 127.5;
-                    const double cr = pair[1] - 127.5;
-                    return Color{luma + 1.772 * cb, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.402 * cr, 255};
-                  }))
-          << "position " << row.position << ", mirrored " << row.mirrors << ", orientation " << orientation;
-      EXPECT_EQ(sink->size, size);
+      const auto& turn = kTurns[row.turns[orientation]];
+      EXPECT_TRUE(showsPicture(turn, k601Full)) << row.position << row.mirrors << orientation;
+      EXPECT_EQ(sink->size, (turn.swaps ? Size{36, 64} : Size{64, 36}));
       EXPECT_EQ(sink->turn, kGPUImageTurnNone);
     }
   }
 }
 
 TEST_F(VideoCamera, TheMatrixFollowsTagAndRange) {
-  struct Row {
-    bool fullRange;
-    ColorMatrix tag;
-    double black, luma, crRed, cbGreen, crGreen, cbBlue;
-  };
-  for (const auto& row : {Row{true, ColorMatrix::Unspecified, 0, 1, 1.4, -0.343, -0.711, 1.765},
-                          Row{true, ColorMatrix::BT601, 0, 1, 1.4, -0.343, -0.711, 1.765},
-                          Row{true, ColorMatrix::BT709, 0, 1.164, 1.793, -0.213, -0.533, 2.112},
-                          Row{false, ColorMatrix::Unspecified, 16, 1.164, 1.596, -0.392, -0.813, 2.017},
-                          Row{false, ColorMatrix::BT601, 16, 1.164, 1.596, -0.392, -0.813, 2.017},
-                          Row{false, ColorMatrix::BT709, 16, 1.164, 1.793, -0.213, -0.533, 2.112}}) {
+  for (const auto& [fullRange, tag, matrix] : {std::tuple{true, ColorMatrix::Unspecified, &k601Full},
+                                               {true, ColorMatrix::BT601, &k601Full},
+                                               {true, ColorMatrix::BT709, &k709AsFull},
+                                               {false, ColorMatrix::Unspecified, &k601},
+                                               {false, ColorMatrix::BT601, &k601},
+                                               {false, ColorMatrix::BT709, &k709}}) {
     cameras->next = std::make_shared<FakeCaptureSession>();
-    if (!row.fullRange) {
-      cameras->next->formats = {PixelFormat::BiPlanarVideoRange};
-    }
+    cameras->next->formats.resize(fullRange ? 2 : 1);
     make();
-    const auto tagged = PixelBuffer::create(cameras->session->format, 8, 8);
-    std::fill_n(tagged->plane(0).base, 8 * tagged->plane(0).bytesPerRow, 100);
-    for (std::size_t i = 0; i < 4 * tagged->plane(1).bytesPerRow; ++i) {
-      tagged->plane(1).base[i] = i % 2 == 0 ? 110 : 150;
-    }
-    tagged->setColorMatrix(row.tag);
-    const double y = (100 - row.black) * row.luma;
-    const double cb = 110 - 127.5;
-    const double cr = 150 - 127.5;
-    EXPECT_TRUE(
-        matches(frameOf(tagged), 8, 8, 1.01,
-                [&](auto, auto) {
-                  return Color{y + row.cbBlue * cb, y + row.cbGreen * cb + row.crGreen * cr, y + row.crRed * cr, 255};
-                }))
-        << row.fullRange << ", tag " << static_cast<int>(row.tag);
+    picture->setColorMatrix(tag);
+    EXPECT_TRUE(showsPicture(kTurns[0], *matrix)) << fullRange << static_cast<int>(tag);
   }
-  setColorConversion709({0, 0, 0, 0, 0, 0, 0, 0, 0});
-  picture->setColorMatrix(ColorMatrix::BT709);
-  EXPECT_TRUE(matches(frameOf(picture), 64, 36, 0, [](auto, auto) { return Color{0, 0, 0, 255}; }));
+  setColorConversion709({});
+  EXPECT_TRUE(showsPicture(kTurns[0], {})) << "replaced by one that is all black";
   setColorConversion709(kColorConversion709);
 }
 
@@ -141,51 +124,51 @@ TEST_F(VideoCamera, OneFrameIsInTheMakingAndOthersAreDropped) {
   EXPECT_EQ(sink->last->framebufferReferenceCount(), 0U);
 }
 
-TEST_F(VideoCamera, TargetsThatAreDisabledOrIgnoredGetNothing) {
+TEST_F(VideoCamera, TargetsGetFramesUnlessDisabledOrIgnoredAndSizesOnceBothSidesDiffer) {
   make();
   const auto disabled = GPUImageFilter::create();
-  const auto ignored = std::make_shared<Recorder>(true);
-  const auto behind = std::make_shared<Recorder>();
-  disabled->addTarget(behind);
+  const auto others = std::make_shared<Recorder>(true);
+  disabled->addTarget(others);
   disabled->setEnabled(false);
   camera->addTarget(disabled);
-  camera->addTarget(ignored);
-  frameOf(picture);
-  EXPECT_EQ(sink->times.size(), 1U);
-  EXPECT_EQ(behind->times.size() + ignored->times.size(), 0U);
-}
-
-TEST_F(VideoCamera, ASizeCountsOnceBothSidesDiffer) {
-  make();
+  camera->addTarget(others);
   frameOf(picture);
   EXPECT_EQ(frameOf(samplePicture(PixelFormat::BiPlanarFullRange, 64, 48))->height(), 36U);
   EXPECT_EQ(sink->size, (Size{64, 48}));
   EXPECT_EQ(frameOf(samplePicture(PixelFormat::BiPlanarFullRange, 32, 48))->width(), 32U);
+  EXPECT_EQ(sink->times.size(), 3U);
+  EXPECT_TRUE(others->times.empty());
   const LogCapture log;
   EXPECT_TRUE(frameOf(samplePicture(PixelFormat::Planar, 128, 8))) << "has no plane of pairs";
   EXPECT_EQ(log.count(LogLevel::Error, "Error at CVOpenGLESTextureCacheCreateTextureFromImage -2"), 1U);
+  GpuPlatform::contextLost = true;
+  EXPECT_FALSE(frameOf(picture));
+  GpuPlatform::contextLost = false;
+  EXPECT_EQ(sink->times.size(), 5U);
+  EXPECT_EQ(log.count(""), 1U) << "what is lost is said elsewhere";
 }
 
-TEST_F(VideoCamera, TheLastCameraAtThePositionIsSetUp) {
+TEST_F(VideoCamera, IsTheLastOneAtThePositionAndChangesToTheOther) {
   cameras->all.push_back(std::make_shared<FakeCamera>(kRear, "second"));
   make();
-  EXPECT_EQ(camera->inputCamera(), cameras->all.back());
-  EXPECT_EQ(cameras->session->camera, cameras->all.back());
-  EXPECT_EQ(cameras->session->preset, "AVCaptureSessionPreset1280x720");
-  EXPECT_EQ(cameras->session->open, 0);
-  cameras->session->refused = cameras->front;
+  auto& session = *cameras->session;
+  EXPECT_EQ(session.preset, "AVCaptureSessionPreset1280x720");
+  const auto expectCamera = [&](const std::shared_ptr<FakeCamera>& expected) {
+    EXPECT_EQ(session.camera, expected);
+    EXPECT_EQ(camera->inputCamera(), expected);
+    EXPECT_EQ(session.open, 0);
+  };
+  expectCamera(cameras->all.back());
+  session.refused = cameras->front;
   camera->rotateCamera();
-  EXPECT_EQ(cameras->session->camera, cameras->all.back()) << "goes on with the one that it has";
-  EXPECT_EQ(camera->cameraPosition(), kRear);
-  cameras->session->refused.reset();
+  expectCamera(cameras->all.back());
+  session.refused.reset();
   camera->rotateCamera();
-  EXPECT_EQ(cameras->session->camera, cameras->front);
-  EXPECT_EQ(camera->cameraPosition(), kFront);
+  expectCamera(cameras->front);
   cameras->all = {cameras->front};
   camera->rotateCamera();
-  EXPECT_EQ(camera->cameraPosition(), kFront);
+  expectCamera(cameras->front);
   EXPECT_FALSE(camera->isBackFacingCameraPresent());
-  EXPECT_EQ(cameras->session->open, 0);
   make(kRear);
   EXPECT_FALSE(camera) << "no such camera";
   cameras->next = std::make_shared<FakeCaptureSession>();
@@ -198,86 +181,36 @@ TEST_F(VideoCamera, TheLastCameraAtThePositionIsSetUp) {
 
 TEST_F(VideoCamera, TheFrameRateGoesToWhoeverTakesIt) {
   make();
-  const auto& session = *cameras->session;
-  const auto both = [](MediaTime duration) { return std::pair(duration, duration); };
+  auto& rear = *cameras->rear;
   camera->setFrameRate(25);
-  EXPECT_EQ(cameras->rear->durations, both(MediaTime::make(1, 25)));
-  EXPECT_FALSE(cameras->rear->locked);
-  cameras->rear->lockable = false;
+  EXPECT_EQ(rear.durations, MediaTime::make(1, 25));
+  EXPECT_FALSE(rear.locked);
+  rear.lockable = false;
   camera->setFrameRate(0);
-  EXPECT_EQ(cameras->rear->durations, both(MediaTime::make(1, 25)));
-  cameras->rear->lockable = true;
+  EXPECT_EQ(rear.durations, MediaTime::make(1, 25)) << "the camera refuses";
+  rear.lockable = true;
   camera->setFrameRate(-1);
-  EXPECT_EQ(cameras->rear->durations, both({}));
-  EXPECT_EQ(session.durations, both({})) << "untouched";
-  cameras->rear->hasDurations = false;
+  EXPECT_EQ(rear.durations, MediaTime{});
+  EXPECT_EQ(cameras->session->durations, MediaTime{});
+  rear.hasDurations = false;
   camera->setFrameRate(10);
-  EXPECT_EQ(session.durations, both(MediaTime::make(1, 10)));
-  EXPECT_EQ(camera->frameRate(), 10);
-}
-
-TEST_F(VideoCamera, TheBenchmarkLeavesTheFirstFiveFramesOut) {
-  struct Slow : Recorder {
-    explicit Slow(std::shared_ptr<ManualTime> clock) : time(std::move(clock)) {}
-    void newFrameReadyAtTime(MediaTime at, std::size_t index) override {
-      Recorder::newFrameReadyAtTime(at, index);
-      time->advance(std::chrono::milliseconds(times.size() > 5 ? 4 : 100));
-    }
-    const std::shared_ptr<ManualTime> time;
-  };
-  make();
-  camera->addTarget(std::make_shared<Slow>(time));
-  camera->setRunBenchmark(true);
-  const LogCapture log;
-  for (int i = 0; i < 7; ++i) {
-    frameOf(picture);
-  }
-  EXPECT_DOUBLE_EQ(camera->averageFrameDurationDuringCapture(), 4);
-  EXPECT_EQ(log.count("average"), 2U);
-  camera->resetBenchmarkAverage();
-  EXPECT_EQ(camera->averageFrameDurationDuringCapture(), 0);
+  EXPECT_EQ(cameras->session->durations, MediaTime::make(1, 10));
+  EXPECT_EQ(rear.durations, MediaTime{});
 }
 
 TEST_F(VideoCamera, ARunningCameraMakesNothingAndDrawsOnceAFrame) {
   make();
   sink->times.reserve(120);
+  Counts before{};
   onQueue([&] {
-    Counts before{};
     for (int frame = 0; frame < 120; ++frame) {
-      if (frame == 20) {
-        before = counted();
-      }
+      before = frame == 20 ? counted() : before;
       camera->processVideoSampleBuffer({picture, MediaTime::make(frame, 30)});
     }
     const auto spent = counted() - before;
     EXPECT_EQ(spent.draws, 100U);
     EXPECT_EQ(spent.glObjects + spent.textureStorages + spent.allocations, 0U);
   });
-}
-
-TEST_F(VideoCamera, ALostContextLeavesFramesDark) {
-  make();
-  const LogCapture log;
-  GpuPlatform::contextLost = true;
-  EXPECT_FALSE(frameOf(picture));
-  GpuPlatform::contextLost = false;
-  EXPECT_EQ(sink->times.size(), 1U);
-  EXPECT_EQ(log.count(""), 0U);
-}
-
-TEST_F(VideoCamera, GoesAtAnyTimeWithFramesUnderWay) {
-  FakeSessions sessions(100);
-  whileMeddling([&] { sessions.deliver(picture); },
-                [&] {
-                  for (sessions.at = 0; sessions.at < sessions.all.size() - 1; ++sessions.at) {
-                    cameras->next = sessions.all[sessions.at];
-                    make();
-                    camera->setOutputImageOrientation(static_cast<std::int64_t>(sessions.at % 5));
-                    camera.reset();
-                  }
-                });
-  onQueue([] {});
-  EXPECT_TRUE(std::ranges::none_of(sessions.all, [](const auto& each) { return each->running || each->camera; }));
 }
 
 }  // namespace

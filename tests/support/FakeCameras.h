@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -12,9 +11,9 @@
 
 namespace zellive::test {
 
+/// Its controls take what they are given only while they are locked.
 struct FakeCamera : CaptureDevice {
-  explicit FakeCamera(CaptureDevicePosition where, std::string called = "camera")
-      : place(where), name(std::move(called)) {}
+  FakeCamera(CaptureDevicePosition where, std::string called) : place(where), name(std::move(called)) {}
   [[nodiscard]] std::string uniqueID() const override { return name; }
   [[nodiscard]] std::string localizedName() const override { return name; }
   [[nodiscard]] CaptureDevicePosition position() const override { return place; }
@@ -33,9 +32,7 @@ struct FakeCamera : CaptureDevice {
   void setVideoZoomFactor(double factor) override { zoom = locked ? factor : -1; }
   [[nodiscard]] bool supportsFrameDurations() const override { return hasDurations; }
   void setActiveVideoFrameDurations(MediaTime least, MediaTime most) override {
-    if (locked) {
-      durations = {least, most};
-    }
+    durations = locked && least == most ? most : MediaTime::indefinite();
   }
 
   const CaptureDevicePosition place;
@@ -43,7 +40,7 @@ struct FakeCamera : CaptureDevice {
   bool lockable = true, locked = false, torch = true, hasDurations = true;
   int torchIs = 0;
   double zoom = 0;
-  std::pair<MediaTime, MediaTime> durations{MediaTime::make(9, 9), MediaTime::make(9, 9)};
+  MediaTime durations;
 };
 
 /// Delivers what the test hands it, on the test's thread.
@@ -56,28 +53,24 @@ struct FakeCaptureSession : CaptureSession {
   void removeInput() override { camera.reset(); }
   [[nodiscard]] std::shared_ptr<CaptureDevice> input() const override { return camera; }
   [[nodiscard]] std::vector<PixelFormat> availableVideoPixelFormats() const override { return formats; }
-  [[nodiscard]] bool addVideoDataOutput(PixelFormat wanted) override {
-    format = wanted;
-    return takesOutput;
-  }
+  [[nodiscard]] bool addVideoDataOutput(PixelFormat) override { return takesOutput; }
   void removeVideoDataOutput() override {}
-  void setSampleBufferDelegate(std::weak_ptr<CaptureVideoDataOutputDelegate> receiver,
-                               std::shared_ptr<Queue>) override {
+  void setSampleBufferDelegate(std::weak_ptr<CaptureVideoDataOutputDelegate> next, std::shared_ptr<Queue>) override {
     const std::lock_guard lock(mutex);
-    delegate = std::move(receiver);
+    delegate = std::move(next);
   }
   void setSessionPreset(std::string_view name) override { preset = name; }
-  void setVideoFrameDurations(MediaTime least, MediaTime most) override { durations = {least, most}; }
+  void setVideoFrameDurations(MediaTime least, MediaTime most) override {
+    durations = least == most ? most : MediaTime::indefinite();
+  }
   void startRunning() override { running = true, ++starts; }
   void stopRunning() override { running = false; }
   [[nodiscard]] bool isRunning() const override { return running; }
 
   void deliver(std::shared_ptr<PixelBuffer> picture, std::int64_t time = 0) {
-    std::shared_ptr<CaptureVideoDataOutputDelegate> receiver;
-    {
-      const std::lock_guard lock(mutex);
-      receiver = delegate.lock();
-    }
+    std::unique_lock lock(mutex);
+    const auto receiver = delegate.lock();
+    lock.unlock();
     if (receiver) {
       receiver->captureOutputDidOutputSampleBuffer(this, {std::move(picture), MediaTime::make(time, 30)});
     }
@@ -87,24 +80,12 @@ struct FakeCaptureSession : CaptureSession {
   std::weak_ptr<CaptureVideoDataOutputDelegate> delegate;
   std::shared_ptr<CaptureDevice> camera, refused;
   std::vector<PixelFormat> formats{PixelFormat::BiPlanarVideoRange, PixelFormat::BiPlanarFullRange};
-  PixelFormat format{};
   std::string preset;
-  std::pair<MediaTime, MediaTime> durations;
+  MediaTime durations;
   bool takesOutput = true;
   int open = 0;
   std::atomic<int> starts = 0;
   std::atomic<bool> running = false;
-};
-
-/// Sessions one after the other, of which one delivers at a time: for objects that go while their sessions deliver.
-struct FakeSessions {
-  explicit FakeSessions(std::size_t count) : all(count) {
-    std::ranges::generate(all, [] { return std::make_shared<FakeCaptureSession>(); });
-  }
-  void deliver(const std::shared_ptr<PixelBuffer>& picture) { all[at]->deliver(picture); }
-
-  std::vector<std::shared_ptr<FakeCaptureSession>> all;
-  std::atomic<std::size_t> at = 0;
 };
 
 struct FakeCameras : CameraService {

@@ -52,6 +52,7 @@ std::shared_ptr<PixelBuffer> ZelLiveTool::copyPixelBuffer(const std::shared_ptr<
   }
   const auto planes = pixelBuffer->planeCount();
   if (planes == 3) {
+    // Some decoders give nothing else: a line for each picture would bury everything that matters.
     if (sampled(1000)) {
       ZEL_LOG_INFO("CVPixelbuffer plane type: %s", describeObject("PixelBuffer", pixelBuffer.get()).c_str());
     }

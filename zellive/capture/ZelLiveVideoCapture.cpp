@@ -17,6 +17,10 @@ enum InterfaceOrientation : std::int64_t {
   LandscapeLeft = 4
 };
 
+constexpr std::int64_t oppositeOf(std::int64_t orientation) {
+  return orientation % 2 == 1 ? orientation + 1 : orientation - 1;
+}
+
 std::string textOf(const UserInfo& userInfo) {
   std::string text = "{";
   for (const auto& [key, value] : userInfo) {
@@ -396,31 +400,11 @@ void ZelLiveVideoCapture::statusBarChanged(const UserInfo& userInfo) {
   if (!configuration_->autorotate() || !camera) {
     return;
   }
-  // The orientation that is being left; within a family there is one other to go to.
-  const bool landscape = configuration_->landscape();
-  switch (platform_->device->statusBarOrientation()) {
-    case Portrait:
-      if (!landscape) {
-        camera->setOutputImageOrientation(PortraitUpsideDown);
-      }
-      break;
-    case PortraitUpsideDown:
-      if (!landscape) {
-        camera->setOutputImageOrientation(Portrait);
-      }
-      break;
-    case LandscapeRight:
-      if (landscape) {
-        camera->setOutputImageOrientation(LandscapeLeft);
-      }
-      break;
-    case LandscapeLeft:
-      if (landscape) {
-        camera->setOutputImageOrientation(LandscapeRight);
-      }
-      break;
-    default:
-      break;
+  // The one that is being left. There is one other of its kind to go to.
+  const auto left = platform_->device->statusBarOrientation();
+  if (configuration_->landscape() ? left == LandscapeRight || left == LandscapeLeft
+                                  : left == Portrait || left == PortraitUpsideDown) {
+    camera->setOutputImageOrientation(oppositeOf(left));
   }
 }
 
