@@ -11,7 +11,8 @@ namespace {
 
 /// What people need not see: a connection's failure is told in plain words.
 bool isDetail(std::string_view message) {
-  return message.starts_with("Live: RTMP_") || message.starts_with("librtmp: ");
+  return message.starts_with("Live: RTMP_") || message.starts_with("Live: librtmp: ") ||
+         message.starts_with("Live: send packet error: ");
 }
 
 /// "Live: RTMP connect 1 , handshake 2": there is a connection. What fails later is news, even when it fails at once.

@@ -1,5 +1,6 @@
 #include "apps/zellive/Output.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -103,13 +104,17 @@ Output::Output(Form form, bool verbose, std::string url, std::FILE* out, std::FI
       out_(out),
       err_(err) {}
 
-std::string Output::withoutKey(std::string_view text) const {
+/// Without the key, and without what a server's words could do to a terminal.
+std::string Output::presentable(std::string_view text) const {
   std::string shown(text);
   for (auto at = shown.find(url_); at != std::string::npos && !url_.empty(); at = shown.find(url_, at)) {
     shown.replace(at, url_.size(), shownUrl_);
     at += shownUrl_.size();
   }
-  return maskSecrets(std::move(shown), secrets_);
+  shown = maskSecrets(std::move(shown), secrets_);
+  std::ranges::replace_if(
+      shown, [](unsigned char c) { return c < ' ' || c == 0x7F; }, ' ');
+  return shown;
 }
 
 void Output::clearLine() {
@@ -133,7 +138,7 @@ void Output::printLine(std::FILE* stream, const std::string& line) {
 void Output::note(std::string_view text) {
   const std::lock_guard lock(mutex_);
   if (form_ != Form::Json) {
-    printLine(out_, withoutKey(text));
+    printLine(out_, presentable(text));
   }
 }
 
@@ -177,9 +182,9 @@ void Output::stateChanged(std::uint64_t state, const StreamStatus& status) {
 void Output::error(std::uint64_t code, std::string_view text) {
   const std::lock_guard lock(mutex_);
   if (form_ == Form::Json) {
-    printLine(out_, toLine({{"type", "error"}, {"code", code}, {"message", withoutKey(text)}}));
+    printLine(out_, toLine({{"type", "error"}, {"code", code}, {"message", presentable(text)}}));
   }
-  printLine(err_, "zellive: " + withoutKey(text));
+  printLine(err_, "zellive: " + presentable(text));
 }
 
 void Output::trouble(const Trouble& trouble) {
@@ -190,7 +195,7 @@ void Output::trouble(const Trouble& trouble) {
       object["code"] = trouble.code;
     }
     object["kind"] = trouble.kind;
-    object["message"] = withoutKey(trouble.reason);
+    object["message"] = presentable(trouble.reason);
     if (trouble.retry != 0) {
       object["retry"] = trouble.retry;
       object["retries"] = trouble.retries;
@@ -200,7 +205,7 @@ void Output::trouble(const Trouble& trouble) {
     }
     printLine(out_, toLine(object));
   }
-  printLine(err_, "zellive: " + withoutKey(trouble.text));
+  printLine(err_, "zellive: " + presentable(trouble.text));
 }
 
 void Output::recovered(std::chrono::duration<double> after, const StreamStatus& status) {
@@ -221,7 +226,7 @@ void Output::log(LogLevel level, std::string_view text) {
     text.remove_prefix(6);
   }
   const std::lock_guard lock(mutex_);
-  printLine(err_, std::string("zellive: ") + names.at(static_cast<std::size_t>(level)) + ": " + withoutKey(text));
+  printLine(err_, std::string("zellive: ") + names.at(static_cast<std::size_t>(level)) + ": " + presentable(text));
 }
 
 void Output::finish() {

@@ -49,7 +49,7 @@ class Output {
 
  private:
   void printLine(std::FILE* stream, const std::string& line);
-  [[nodiscard]] std::string withoutKey(std::string_view text) const;
+  [[nodiscard]] std::string presentable(std::string_view text) const;
   void clearLine();
 
   const Form form_;

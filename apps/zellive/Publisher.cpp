@@ -149,20 +149,26 @@ void Publisher::handle(const SessionEvents::Event& event) {
 }
 
 void Publisher::handleState(std::uint64_t state) {
+  const bool nothingToSend = state == ZelLiveSessionStateNoAudio || state == ZelLiveSessionStateNoVideo;
+  if (nothingToSend && phase_ == Phase::Waiting) {
+    return;  // The source waits for the connection, whose trouble is told.
+  }
   const auto now = Waker::now();
   state_ = state;
-  output_->stateChanged(state, status(now));
-  if (state == ZelStreamSocketStatusConnected) {
-    if (const auto outage = troubles_.connected(now)) {
-      output_->recovered(*outage, status(now));
-    }
-    if (phase_ == Phase::Waiting) {
-      phase_ = Phase::Streaming;
-      phaseStart_ = now;
-      pacer_.start(now);
-    }
-  } else if (state == ZelStreamSocketStatusReconnecting) {
+  std::optional<Waker::Duration> outage;
+  if (state == ZelStreamSocketStatusReconnecting) {
     troubles_.attemptBegins();
+  } else if (state == ZelStreamSocketStatusConnected) {
+    outage = troubles_.connected(now);
+  }
+  output_->stateChanged(state, status(now));
+  if (outage) {
+    output_->recovered(*outage, status(now));
+  }
+  if (state == ZelStreamSocketStatusConnected && phase_ == Phase::Waiting) {
+    phase_ = Phase::Streaming;
+    phaseStart_ = now;
+    pacer_.start(now);
   } else if (state == ZelStreamSocketStatusError && troubles_.hasFailed()) {
     output_->trouble(troubles_.givenUp());
     exitStatus_ = 1;
@@ -236,9 +242,14 @@ Waker::Duration Publisher::wakeTime(Waker::Duration now) {
 
 StreamStatus Publisher::status(Waker::Duration now) const {
   StreamStatus status;
-  status.state = troubles_.isDown() && state_ == ZelStreamSocketStatusConnected ? "waiting" : stateName(state_);
+  status.state = troubles_.isWaiting() && state_ != ZelStreamSocketStatusError ? "waiting" : stateName(state_);
   status.elapsed = now - startTime_;
   meter_.read(status, now);
+  if (troubles_.isDown() && meter_.hasRates()) {
+    status.bitsPerSecond = 0;
+    status.framesPerSecond = 0;
+  }
+  status.queued = static_cast<std::int64_t>(bufferCount_);
   status.dropped +=
       feed_.skipped() + static_cast<std::int64_t>(session_ ? session_->droppedPictures() : droppedBySession_);
   status.encoderBitRate = session_ ? session_->videoBitRate() : 0;

@@ -19,7 +19,6 @@ void StatusMeter::report(const ZelLiveDebug& info, Duration now) {
   time_ = now;
   bytes_ = info.dataFlow;
   pictures_ = info.captureVideoTotalCount;
-  queued_ = info.unSendCount;
   dropped_ = info.dropFrame;
 }
 
@@ -29,7 +28,6 @@ void StatusMeter::read(StreamStatus& status, Duration now) const {
     status.bitsPerSecond = fresh ? bitsPerSecond_ : 0;
     status.framesPerSecond = fresh ? framesPerSecond_ : 0;
   }
-  status.queued = queued_;
   status.dropped = dropped_;
 }
 

@@ -14,8 +14,8 @@ class StatusMeter {
 
   /// A report of the session's that came at `now`.
   void report(const ZelLiveDebug& info, Duration now);
-  /// Writes rates and counts into `status`; rates are not known at first, and 0 when no
-  /// report has come for a while.
+  /// Writes rates and the count of dropped frames into `status`; rates are not known at first, and 0 when no report
+  /// has come for a while.
   void read(StreamStatus& status, Duration now) const;
   [[nodiscard]] bool hasRates() const { return hasRates_; }
 
@@ -27,7 +27,6 @@ class StatusMeter {
   std::int64_t pictures_ = 0;
   double bitsPerSecond_ = 0;
   double framesPerSecond_ = 0;
-  std::int64_t queued_ = 0;
   std::int64_t dropped_ = 0;
 };
 

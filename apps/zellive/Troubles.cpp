@@ -46,6 +46,7 @@ std::string explained(const std::string& words, bool wasConnected) {
 }  // namespace
 
 void Troubles::begin(Duration now) {
+  waiting_ = true;
   if (!beginning_) {
     beginning_ = now;
   }
@@ -102,6 +103,7 @@ Trouble Troubles::networkChanged(Duration now) {
 std::optional<Troubles::Duration> Troubles::connected(Duration now) {
   const auto began = std::exchange(beginning_, std::nullopt);
   attempts_ = 0;
+  waiting_ = false;
   networkIsOut_ = false;
   lastWords_.clear();
   shownWords_.clear();

@@ -36,9 +36,14 @@ class Troubles {
   /// The network is back, or is another.
   [[nodiscard]] Trouble networkChanged(Duration now);
   /// A new attempt begins.
-  void attemptBegins() { ++attempts_; }
+  void attemptBegins() {
+    ++attempts_;
+    waiting_ = false;
+  }
   /// The stream is up; how long it was not, where it had been up before.
   [[nodiscard]] std::optional<Duration> connected(Duration now);
+  /// Whether something is wrong and no attempt to mend it is under way.
+  [[nodiscard]] bool isWaiting() const { return waiting_; }
   /// Whether the stream was up and is not now.
   [[nodiscard]] bool isDown() const { return wasConnected_ && beginning_; }
   /// Whether a connection has failed since the last good one; a change of the network is no failure.
@@ -57,6 +62,7 @@ class Troubles {
   const std::uint64_t count_;
   bool wasConnected_ = false;
   bool networkIsOut_ = false;
+  bool waiting_ = false;
   std::uint64_t attempts_ = 0;         // Since the last good connection, its own not counted.
   std::optional<Duration> beginning_;  // Of the present trouble.
   std::string lastWords_;              // Of the last failure.

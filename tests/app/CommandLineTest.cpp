@@ -63,6 +63,11 @@ TEST(CommandLineTest, AnswersWrongLinesWithOneLineAndStatusTwo) {
   }
 }
 
+TEST(CommandLineTest, UnderstandsBitRates) {
+  EXPECT_EQ(parseBitRate("1500k"), parseBitRate("1.5M"));
+  EXPECT_EQ(parseBitRate("1500k"), 1'500'000U);
+}
+
 TEST(StreamSettingsTest, KeepsTheShapeWithinTheLimitAndTheSource) {
   const PictureSize medium{1280, 720};
   EXPECT_EQ(fitSize({1080, 1920}, medium), (PictureSize{720, 1280})) << "portrait stays portrait";

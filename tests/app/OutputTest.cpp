@@ -28,14 +28,14 @@ TEST(OutputTest, NeverShowsTheKeyAndKeepsLinesWhole) {
     output.note(std::string("publishing to ") + url);
     output.log(LogLevel::Information, std::string("Live: details of ") + url);
     output.trouble({"refused", std::string("refused: ") + url, std::string("refused: ") + url, 0, 1, 2, 5});
-    output.error(205, "app/secret-stream?token=42 refused \xff \"quotes\"\nand a line");
+    output.error(205, "app/secret-stream?token=42 refused \xff \"quotes\"\nand a line \x1b[31m");
     output.finish();
     const auto said = contents(out);
     const auto complained = contents(err);
     for (const char* secret : {"secret-stream", "token", "pass"}) {
       EXPECT_EQ((said + complained).find(secret), std::string::npos) << said << complained;
     }
-    EXPECT_NE(complained.find("refused"), std::string::npos);
+    EXPECT_NE(complained.find("\"quotes\" and a line  [31m\n"), std::string::npos) << complained;
     if (form == Output::Form::Terminal) {
       const auto line = said.substr(0, said.find('\r'));
       const std::string clear = "\r\x1b[K";
@@ -58,6 +58,8 @@ TEST(LibraryLogTest, HandsOnWhatConcernsTheConnectionAndHoldsBackWhatIsNoNews) {
       });
   log->receive(LogLevel::Warning, "Live: early warning");
   log->receive(LogLevel::Error, "Live: RTMP_Connect() failed");
+  log->receive(LogLevel::Error, "Live: librtmp: RTMP_Connect1, handshake failed.");
+  log->receive(LogLevel::Error, "Live: send packet error: 0");
   log->receive(LogLevel::Error, "Live: RTMP connect error -3 message nobody there");
   log->receive(LogLevel::Information, "Live: RTMP connect error -10 message given up");
   log->receive(LogLevel::Information, "Live: no network, its return is waited for");

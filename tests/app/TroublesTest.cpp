@@ -43,6 +43,7 @@ std::string story(const std::string& events) {
           text += "back after " + std::to_string(*outage / 1s) + "\n";
         }
     }
+    EXPECT_EQ(troubles.isWaiting(), event != 'A' && event != 'K' && event != 'O') << events;
   }
   return text + "| " + (troubles.hasFailed() ? troubles.givenUp().text : "") + "| " + troubles.nothingPublished();
 }

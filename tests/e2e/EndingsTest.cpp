@@ -68,6 +68,7 @@ TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
   ASSERT_TRUE(tool.waitForText("connecting", 10s)) << tool.errors();
   tool.signal(SIGINT);
   expectEnd(tool, 0, 4s);
+  EXPECT_EQ(tool.errors(), "") << "nothing has failed";
   Process failing(toolCommand(local(freePort()), {"--test-card"}));
   ASSERT_TRUE(failing.waitForText("refused (retry 1 of 2 in 5 s)", 10s)) << failing.errors();
   failing.signal(SIGINT);

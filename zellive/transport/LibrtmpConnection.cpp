@@ -245,7 +245,8 @@ bool LibrtmpConnection::waitForChunk(RTMPError* error) {
                  ? fail(error, RtmpFailureRefused,
                         "the server refuses the stream: it closed the connection when asked to publish; is the key "
                         "right?")
-                 : fail(error, RtmpFailureClosed, "the server closed the connection while opening the stream");
+                 : fail(error, RtmpFailureClosed,
+                        "the server closed the connection while opening the stream; does it know the application?");
     }
   }
 }
