@@ -166,6 +166,29 @@ TEST_F(Publisher, ReportsExhaustedAttemptsAndGoesOn) {
   EXPECT_EQ(info->streamId, "stream-7");
 }
 
+TEST_F(Publisher, TriesAtOnceWhenStartedAgain) {
+  make();
+  rtmp.failAt = "RTMP_Connect";
+  socket->start();
+  EXPECT_EQ(told(1s), "CU");
+  rtmp.failAt = "";
+  socket->start();
+  EXPECT_EQ(told(60s), "CK") << "the planned attempt has nothing left to do";
+}
+
+TEST_F(Publisher, TellsNothingOnceItIsLetGo) {
+  struct Releasing : Reports {
+    explicit Releasing(std::shared_ptr<ZelStreamRtmpSocket>& held) : socket(held) {}
+    void socketRequestNewUrl(ZelStreamRtmpSocket&) override { socket.reset(); }
+    std::shared_ptr<ZelStreamRtmpSocket>& socket;
+  };
+  make(1, 1);
+  socket->setDelegate(reports = std::make_shared<Releasing>(socket));
+  rtmp.failAt = "RTMP_Connect";
+  socket->start();
+  EXPECT_EQ(told(60s), "C") << "neither an error nor a further attempt";
+}
+
 TEST_F(Publisher, AsksForAUrlEveryHundredthAttempt) {
   EXPECT_THAT([] { (void)ZelStreamRtmpSocket::create(nullptr); },
               ::testing::ThrowsMessage<ZelException>("ZelStreamRtmpSocket init error: stream is nil"));

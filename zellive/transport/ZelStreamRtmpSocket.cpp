@@ -133,9 +133,10 @@ void ZelStreamRtmpSocket::start() {
 }
 
 void ZelStreamRtmpSocket::_start() {
-  if (isConnecting_ || rtmp_ || isStoped_ || started_.exchange(true)) {
+  if (isConnecting_ || rtmp_ || isStoped_) {
     return;
   }
+  started_ = true;
   debugInfo_.roomID = stream_->roomId.value_or("");
   debugInfo_.streamID = stream_->streamId;
   debugInfo_.uploadUrl = stream_->url();
@@ -247,7 +248,7 @@ void ZelStreamRtmpSocket::stop() {
 /// The owner is gone: nobody is told any more, and what still runs ends soon. The destructor closes the connection.
 void ZelStreamRtmpSocket::abandon() {
   requestStop();
-  isStoped_ = true;
+  setDelegate({});
 }
 
 /// Sees to it that the send queue comes free.

@@ -79,7 +79,8 @@ class ZelStreamRtmpSocket : public ZelStreamingBufferDelegate,
   [[nodiscard]] std::int64_t reconnectInterval() const noexcept { return reconnectInterval_; }
   [[nodiscard]] std::int64_t reconnectCount() const noexcept { return reconnectCount_; }
 
-  /// Connects. Does nothing on a publisher that was started or stopped before.
+  /// Connects, also ahead of an attempt that is planned. Does nothing while a connection exists (a broken one does
+  /// until the next attempt) or is being set up, and on a publisher that was stopped.
   void start();
   /// Closes the connection and drops what is queued; ZelStreamSocketStatusStopped is reported. An attempt to connect is
   /// given up at once, a send that hangs after a second.
