@@ -149,11 +149,11 @@ void Publisher::handle(const SessionEvents::Event& event) {
 }
 
 void Publisher::handleState(std::uint64_t state) {
-  const bool nothingToSend = state == ZelLiveSessionStateNoAudio || state == ZelLiveSessionStateNoVideo;
-  if (nothingToSend && phase_ == Phase::Waiting) {
+  const auto now = Waker::now();
+  const bool begins = phase_ == Phase::Waiting || (phase_ == Phase::Streaming && now - phaseStart_ <= encoderPatience);
+  if (begins && (state == ZelLiveSessionStateNoAudio || state == ZelLiveSessionStateNoVideo)) {
     return;  // The source waits for the connection, whose trouble is told.
   }
-  const auto now = Waker::now();
   state_ = state;
   std::optional<Waker::Duration> outage;
   if (state == ZelStreamSocketStatusReconnecting) {
@@ -173,7 +173,7 @@ void Publisher::handleState(std::uint64_t state) {
     output_->trouble(troubles_.givenUp());
     exitStatus_ = 1;
     phase_ = Phase::Ended;
-  } else if (state == ZelLiveSessionStateNoVideo && phase_ == Phase::Streaming && now - phaseStart_ > encoderPatience) {
+  } else if (state == ZelLiveSessionStateNoVideo && phase_ == Phase::Streaming) {
     const auto reason = log_->lastError();
     fail(state, "no picture could be encoded" + (reason.empty() ? "" : ": " + reason));
   }
