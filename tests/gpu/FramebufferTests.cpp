@@ -146,6 +146,10 @@ TEST(Framebuffer, ImpossibleSizesAreLoggedAndSwallowDrawing) {
     EXPECT_EQ(framebuffer->byteBuffer(), nullptr);
     EXPECT_FALSE(framebuffer->newCGImageFromFramebufferContents());
   }
+  // A format that no driver draws into.
+  const auto grey = GPUImageFramebuffer::create({8, 8}, {.internalFormat = GL_LUMINANCE, .format = GL_LUMINANCE});
+  fill(*grey, 1);
+  EXPECT_FALSE(grey->pixelBuffer());
 }
 
 TEST(TextureCache, RefusesWhatItCannotMakeAndKeepsWhatIsUsed) {

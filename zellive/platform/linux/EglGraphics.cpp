@@ -76,9 +76,19 @@ class EglGraphics : public GraphicsService {
     }
     eglBindAPI(EGL_OPENGL_ES_API);
     const auto* other = dynamic_cast<const EglContext*>(share.get());
-    const std::array<EGLint, 3> attributes{EGL_CONTEXT_CLIENT_VERSION, static_cast<EGLint>(api), EGL_NONE};
-    EGLContext handle = eglCreateContext(display_.handle, config(api),
-                                         other != nullptr ? other->handle() : EGL_NO_CONTEXT, attributes.data());
+    const EGLContext sharing = other != nullptr ? other->handle() : EGL_NO_CONTEXT;
+    // A driver that is not asked to report the loss of a context may end the process instead.
+    std::array<EGLint, 5> attributes{EGL_CONTEXT_CLIENT_VERSION, static_cast<EGLint>(api),
+                                     EGL_CONTEXT_OPENGL_RESET_NOTIFICATION_STRATEGY_EXT, EGL_LOSE_CONTEXT_ON_RESET_EXT,
+                                     EGL_NONE};
+    EGLContext handle = EGL_NO_CONTEXT;
+    if (listHolds(display_.extensions, "EGL_EXT_create_context_robustness")) {
+      handle = eglCreateContext(display_.handle, config(api), sharing, attributes.data());
+    }
+    if (handle == EGL_NO_CONTEXT) {
+      attributes[2] = EGL_NONE;
+      handle = eglCreateContext(display_.handle, config(api), sharing, attributes.data());
+    }
     if (handle == EGL_NO_CONTEXT) {
       ZEL_LOG_ERROR("Live: no rendering context of OpenGL ES %d: EGL error 0x%x", static_cast<int>(api),
                     static_cast<unsigned>(eglGetError()));

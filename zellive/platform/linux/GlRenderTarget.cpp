@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "zellive/platform/Log.h"
+
 namespace zellive {
 
 GlRenderTarget::GlRenderTarget(std::shared_ptr<GraphicsContext> context, const GlCapabilities& capabilities,
@@ -53,10 +55,14 @@ bool GlRenderTarget::readInto(PixelBuffer& picture) {
   }
   const auto& plane = picture.plane(0);
   const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
-  const bool done =
-      complete && readRows(capabilities_, plane.base, plane.bytesPerRow, picture.width(), picture.height());
+  const GLenum error = complete
+                           ? readRows(capabilities_, plane.base, plane.bytesPerRow, picture.width(), picture.height())
+                           : GLenum{GL_INVALID_FRAMEBUFFER_OPERATION};
   glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(former));
-  return done;
+  if (error != GL_NO_ERROR && sampled(100)) {
+    ZEL_LOG_ERROR("Live: a picture cannot be read from the GPU: OpenGL error 0x%x (1/100)", error);
+  }
+  return error == GL_NO_ERROR;
 }
 
 }  // namespace zellive

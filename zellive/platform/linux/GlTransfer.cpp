@@ -125,8 +125,8 @@ void uploadRows(const GlCapabilities& capabilities, const TextureShape& asked, c
   }
 }
 
-bool readRows(const GlCapabilities& capabilities, std::uint8_t* base, std::size_t bytesPerRow, std::size_t width,
-              std::size_t height) {
+std::uint32_t readRows(const GlCapabilities& capabilities, std::uint8_t* base, std::size_t bytesPerRow,
+                       std::size_t width, std::size_t height) {
   // Errors of earlier calls are not ours.
   for (int earlier = 0; earlier < 8 && glGetError() != GL_NO_ERROR; ++earlier) {
   }
@@ -149,7 +149,7 @@ bool readRows(const GlCapabilities& capabilities, std::uint8_t* base, std::size_
     libyuv::ABGRToARGB(base, static_cast<int>(bytesPerRow), base, static_cast<int>(bytesPerRow),
                        static_cast<int>(width), static_cast<int>(height));
   }
-  return glGetError() == GL_NO_ERROR;
+  return glGetError();
 }
 
 }  // namespace zellive

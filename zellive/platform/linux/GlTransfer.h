@@ -38,8 +38,8 @@ struct PixelRows {
 void uploadRows(const GlCapabilities& capabilities, const TextureShape& asked, const PixelRows& rows,
                 std::vector<std::uint8_t>& scratch);
 
-/// Reads the bound framebuffer as B, G, R, A. False when the driver refuses.
-[[nodiscard]] bool readRows(const GlCapabilities& capabilities, std::uint8_t* base, std::size_t bytesPerRow,
-                            std::size_t width, std::size_t height);
+/// Reads the bound framebuffer as B, G, R, A. 0, or the driver's error.
+[[nodiscard]] std::uint32_t readRows(const GlCapabilities& capabilities, std::uint8_t* base, std::size_t bytesPerRow,
+                                     std::size_t width, std::size_t height);
 
 }  // namespace zellive
