@@ -16,7 +16,7 @@ ManualPlatform::~ManualPlatform() { time->dropWork(); }
 
 std::shared_ptr<const Platform> ManualPlatform::platform() const {
   return std::make_shared<Platform>(Platform{time, time, notifications, device, reachability, defaultPlatform()->names,
-                                             videoCompression, audioConversion, graphics, cameras, audioInputs,
+                                             videoCompression, audioConversion, graphics, cameras, audioInputs, windows,
                                              companion});
 }
 

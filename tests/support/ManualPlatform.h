@@ -71,6 +71,7 @@ struct ManualPlatform {
   std::shared_ptr<GraphicsService> graphics = defaultPlatform()->graphics;
   std::shared_ptr<CameraService> cameras = defaultPlatform()->cameras;
   std::shared_ptr<AudioInputService> audioInputs = defaultPlatform()->audioInputs;
+  std::shared_ptr<WindowService> windows = defaultPlatform()->windows;
   std::shared_ptr<QMZSdwan> companion = makeLoggedOutSdwan(time->globalQueue());
 };
 

@@ -14,6 +14,7 @@
 #include "zellive/platform/Queue.h"
 #include "zellive/platform/Reachability.h"
 #include "zellive/platform/VideoCompressionSession.h"
+#include "zellive/platform/Window.h"
 
 namespace zellive {
 
@@ -31,6 +32,7 @@ struct Platform {
   std::shared_ptr<GraphicsService> graphics;
   std::shared_ptr<CameraService> cameras;
   std::shared_ptr<AudioInputService> audioInputs;
+  std::shared_ptr<WindowService> windows;
   std::shared_ptr<QMZSdwan> companion;
 };
 

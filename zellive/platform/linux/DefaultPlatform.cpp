@@ -7,6 +7,7 @@
 #include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/NetlinkReachability.h"
 #include "zellive/platform/linux/NoDevices.h"
+#include "zellive/platform/linux/SdlWindows.h"
 #include "zellive/platform/linux/SystemClock.h"
 #include "zellive/platform/linux/SystemNameService.h"
 
@@ -26,6 +27,7 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->graphics = makeEglGraphics();
   set->cameras = std::make_shared<NoCameras>();
   set->audioInputs = std::make_shared<NoAudioInputs>();
+  set->windows = makeSdlWindows();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
   return set;
 }
