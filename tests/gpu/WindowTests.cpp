@@ -66,11 +66,7 @@ class WindowTest : public GpuTest {
   static void SetUpTestSuite() { ASSERT_TRUE(XvfbServer::available()); }
 
   [[nodiscard]] std::shared_ptr<Window> open(const std::string& title, Size size = {120, 90}) {
-    auto window = windows_->makeWindow({.title = title, .size = size});
-    if (window) {
-      window->setDelegate(listener_, queue_);
-    }
-    return window;
+    return windows_->makeWindow({.title = title, .size = size, .delegate = listener_, .queue = queue_});
   }
   [[nodiscard]] bool shows(const std::string& title, std::size_t width, std::size_t x, std::size_t y, Color color) {
     return waitUntil(
@@ -248,8 +244,7 @@ TEST(WindowsDeathTest, SurviveTheirXServer) {
         const auto queue = defaultPlatform()->queues->makeSerialQueue("test.windows");
         const auto listener = std::make_shared<Listener>(queue);
         const auto windows = makeSdlWindows();
-        const auto window = windows->makeWindow({.title = "orphan"});
-        window->setDelegate(listener, queue);
+        const auto window = windows->makeWindow({.title = "orphan", .delegate = listener, .queue = queue});
         const bool shown = listener->hears("shown");
         server.kill();
         const bool vanished = listener->hears("vanished");

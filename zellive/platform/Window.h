@@ -64,6 +64,9 @@ struct WindowOptions {
   Size size{640, 480};
   bool resizable = true;
   bool visible = true;
+  /// Set from the start, so that nothing is missed.
+  std::weak_ptr<WindowDelegate> delegate = {};
+  std::shared_ptr<Queue> queue = {};
 };
 
 /// Makes windows. Thread-safe.

@@ -64,6 +64,8 @@ bool SdlWindow::open(const WindowOptions& options, std::string& failure) {
   {
     const std::lock_guard lock(mutex_);
     title_ = options.title;
+    delegate_ = options.delegate;
+    queue_ = options.queue;
     size_ = {static_cast<double>(width), static_cast<double>(height)};
   }
   setContentView(nullptr);
