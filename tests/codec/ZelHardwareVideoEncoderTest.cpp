@@ -82,46 +82,6 @@ TEST_F(ZelHardwareVideoEncoderTest, AsksForASessionAsConfiguredAndForRatesWithTh
   EXPECT_EQ(ZelHardwareVideoEncoder::create(nullptr, manual_.platform()), nullptr);
 }
 
-TEST_F(ZelHardwareVideoEncoderTest, KeyFramesFollowTheCountAndWhatHappens) {
-  // The script: a picture, one that fails, a filled slot, a request, back- and foreground are p, x, f, r, b and g.
-  const std::tuple<std::uint64_t, std::string, std::string> cases[] = {
-      {4, "pppppppppp", "SpppKpppKp"},
-      {0, "pppppppppp", "Sppppppppp"},
-      {1ULL << 32, "pppppppppp", "Sppppppppp"},  // Its low 32 bits count.
-      {4, "ppfppp", "SppKp"},                    // Times and key frames shift.
-      {4, "pprppp", "SpSpK"},
-      {9, "pppbpppgpp", "SppSp"},
-      {9, "ppxpp", "SppSp"},
-  };
-  for (const auto& [interval, script, trace] : cases) {
-    configuration_->setVideoMaxKeyFrameInterval(interval);
-    make();
-    for (const char step : script) {
-      fake_->encodeStatus = step == 'x' ? -12902 : 0;
-      step == 'f'   ? encoder_->fillVideoFrame()
-      : step == 'r' ? encoder_->requestKeyFrame()
-      : step == 'b' ? encoder_->willEnterBackground()
-      : step == 'g' ? encoder_->willEnterForeground()
-                    : encode();
-    }
-    EXPECT_EQ(fake_->trace, trace) << script;
-    EXPECT_EQ(fake_->lastTime, std::ssize(trace) + std::ranges::count(script, 'f')) << script;
-  }
-}
-
-TEST_F(ZelHardwareVideoEncoderTest, IgnoresWhatItCannotEncode) {
-  make();
-  std::uint8_t pixel[4] = {};
-  encoder_->encodeVideoData(nullptr, 1);
-  encoder_->encodeVideoData(PixelBuffer::wrap(PixelFormat::BGRA, 1, 1, {pixel, nullptr, nullptr}, {4, 0, 0}), 2);
-  encoder_->willEnterBackground();
-  encoder_->setVideoBitRate(5);
-  encode();
-  EXPECT_TRUE(fake_->trace.empty() && fake_->rates.empty());
-  EXPECT_EQ(log_.count(LogLevel::Error, "Live: pixelbuffer don't contain iosurface"), 1U);
-  EXPECT_EQ(encoder_->videoBitRate(), configuration_->videoBitRate());
-}
-
 TEST_F(ZelHardwareVideoEncoderTest, AnErrorEndsTheSessionAndEveryPictureTriesForANewOne) {
   make();
   encoder_->setVideoBitRate(700000);
@@ -207,11 +167,6 @@ TEST_F(ZelHardwareVideoEncoderTest, MayBeDestroyedAtAnyMoment) {
   collector_->onFrame = [this] { encoder_.reset(); };
   encode();
   EXPECT_TRUE(std::ranges::count(collector_->frames, '@') == 1 && fake_->alive == 0);
-
-  make();
-  collector_.reset();
-  encode();
-  EXPECT_EQ(fake_->trace, "S") << "it encodes without a delegate";
 }
 
 }  // namespace

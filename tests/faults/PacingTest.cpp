@@ -92,7 +92,7 @@ TEST_F(Pacing, AnOutageCostsNextToNothingAndTheQueueComesOutInOrder) {
 TEST_F(Pacing, TheFirstMessageFollowsTheConnectionAtOnce) {
   constexpr int rounds = 25;
   auto hurried = std::make_shared<Platform>(*defaultPlatform());
-  hurried->queues = std::make_shared<HurriedQueues>();
+  hurried->queues = hurriedQueues();
   start(hurried);
   std::vector<double> delays;
   int connection = 0;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "tests/faults/TwoMachines.h"
+#include "tests/support/AlteredQueues.h"
 #include "tests/support/Event.h"
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/NginxServer.h"
@@ -23,33 +24,12 @@ namespace zellive::test {
 
 using namespace std::chrono_literals;
 
-/// Real queues, on which a publisher waits a tenth of the reconnect interval.
-class HurriedQueues : public QueueService {
- public:
-  std::shared_ptr<Queue> makeSerialQueue(std::string label) override {
-    const bool sending = label.ends_with("rtmpSendQueue");
-    auto queue = real_->makeSerialQueue(std::move(label));
-    return sending ? std::make_shared<Hurried>(std::move(queue)) : queue;
-  }
-  std::shared_ptr<Queue> mainQueue() override { return real_->mainQueue(); }
-  std::shared_ptr<Queue> globalQueue() override { return real_->globalQueue(); }
-
- private:
-  struct Hurried : Queue {
-    explicit Hurried(std::shared_ptr<Queue> queue) : real(std::move(queue)) {}
-    void async(Task task) override { real->async(std::move(task)); }
-    std::shared_ptr<DelayedWork> after(std::chrono::nanoseconds delay, Task task) override {
-      return real->after(delay / 10, std::move(task));
-    }
-    std::unique_ptr<ReadWatch> whenReadable(int descriptor, Task handler) override {
-      return real->whenReadable(descriptor, std::move(handler));
-    }
-    [[nodiscard]] bool isCurrent() const override { return real->isCurrent(); }
-    [[nodiscard]] const std::string& label() const override { return real->label(); }
-    const std::shared_ptr<Queue> real;
-  };
-  const std::shared_ptr<QueueService> real_ = defaultPlatform()->queues;
-};
+/// A publisher waits a tenth of the reconnect interval on them.
+inline std::shared_ptr<QueueService> hurriedQueues() {
+  return std::make_shared<AlteredQueues>([](const std::string& label, std::chrono::nanoseconds delay) {
+    return label.ends_with("rtmpSendQueue") ? delay / 10 : delay;
+  });
+}
 
 /// Knows every name, as `address`, until it knows none.
 struct Names : NameService {
@@ -80,7 +60,7 @@ class World {
       front = std::make_unique<Relay>(server->rtmpPort(), machines ? INADDR_ANY : INADDR_LOOPBACK);
     });
     *platform = *defaultPlatform();
-    platform->queues = std::make_shared<HurriedQueues>();
+    platform->queues = hurriedQueues();
     platform->notifications = std::make_shared<NotificationCenter>();
     platform->names = names;
     if (machines) {
