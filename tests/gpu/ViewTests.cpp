@@ -73,5 +73,70 @@ TEST_P(EveryFillModeAndTurn, ShowsTheFrameAtTheSizeThatTheViewHas) {
   }
 }
 
+/// A half-transparent red square drawn by the application, and how often.
+class Square : public View {
+ public:
+  using View::View;
+  void draw(cairo_t* context, Size size) override {
+    ++draws;
+    cairo_set_source_rgba(context, 1, 0, 0, 0.5);
+    cairo_rectangle(context, 2, 2, size.width - 4, size.height - 4);
+    cairo_fill(context);
+  }
+  int draws = 0;
+};
+
+TEST_F(GpuTest, UIElementIsAStillThatKeepsItsTransparency) {
+  const auto content = std::make_shared<View>(Rect{40, 40, 32.9, 18});
+  const auto square = std::make_shared<Square>(Rect{4, 4, 10, 10});
+  content->addSubview(square);
+  const auto element = GPUImageUIElement::create(content);
+  element->forceProcessingAtSize({8, 8});
+  EXPECT_EQ(element->layerSizeInPixels(), (Size{32, 18}));
+  const auto blend = GPUImageAlphaBlendFilter::create();
+  blend->setMix(1);
+  blend->disableSecondFrameCheck();
+  connect(blend);
+  element->addTarget(blend);
+  std::shared_ptr<PixelBuffer> result;
+  blend->setFrameProcessingCompletionBlock(
+      [&](GPUImageOutput& output, MediaTime) { result = output.framebufferForOutput()->pixelBuffer(); });
+  const auto expectBlended = [&](std::size_t left) {
+    send();
+    EXPECT_TRUE(matches(result, 32, 18, 2, [&](std::size_t x, std::size_t y) {
+      Color color = colorAt(*picture_, x, y);
+      const bool covered = x >= left + 2 && x < left + 8 && y >= 6 && y < 12;
+      // What the filter mixes in is multiplied by alpha once more: that is how it has always been.
+      for (std::size_t c = 0; covered && c < 3; ++c) {
+        color[c] = color[c] * 0.5 + (c == 2 ? 64 : 0);
+      }
+      return color;
+    }));
+  };
+  element->update();
+  expectBlended(4);
+  element->update();
+  EXPECT_EQ(square->draws, 1) << "nothing has changed";
+  expectBlended(4);
+  square->setFrame({9, 4, 10, 10});
+  element->update();
+  expectBlended(9);
+  EXPECT_EQ(square->draws, 2);
+
+  const auto recorder = std::make_shared<Recorder>();
+  element->addTarget(recorder);
+  EXPECT_TRUE(recorder->last) << "one that comes late gets the picture at once";
+  const auto before = counted();
+  element->updateWithTimestamp(MediaTime::make(7, 30));
+  onQueue([] {});
+  EXPECT_EQ(recorder->times, std::vector<std::int64_t>{7});
+  EXPECT_EQ(recorder->size, (Size{32, 18}));
+  EXPECT_EQ((counted() - before).textureStorages, 0U);
+  content->setFrame({});
+  element->update();
+  onQueue([] {});
+  EXPECT_EQ(recorder->times.size(), 1U) << "a view without a size is not sent";
+}
+
 }  // namespace
 }  // namespace zellive::test

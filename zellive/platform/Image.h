@@ -3,10 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 
 namespace zellive {
+
+class PixelBuffer;
 
 /// A still picture in memory that is lent: 8 bits a component, 32 a pixel, device RGB. The lender is told when the last
 /// owner lets go of it.
@@ -54,5 +57,9 @@ class Image {
 /// Writes the components as they are to a PNG file, replacing what is there. False, with the reason logged, when it
 /// cannot be written.
 bool savePNG(const Image& image, const std::string& path);
+
+/// The picture in a PNG file of any kind: BGRA, components multiplied by alpha. Null, with the reason logged, when it
+/// cannot be read or a side is above 16384 pixels.
+[[nodiscard]] std::shared_ptr<PixelBuffer> loadPNG(const std::string& path);
 
 }  // namespace zellive
