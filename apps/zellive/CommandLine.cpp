@@ -65,7 +65,7 @@ bool number(std::string_view text, Value& value) {
 }
 
 bool looksLikeUrl(const std::string& url) {
-  for (const std::string_view scheme : {"rtmp://", "rtmps://", "rtmpt://", "rtmpe://", "rtmpte://", "rtmpts://"}) {
+  for (const std::string_view scheme : {"rtmp://", "rtmps://"}) {
     if (url.starts_with(scheme)) {
       const auto application = url.find('/', scheme.size());
       const auto stream = application == std::string::npos ? application : url.find_first_of("/? ", application + 2);

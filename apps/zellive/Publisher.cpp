@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "zellive/transport/RtmpConnection.h"
+
 namespace zellive::tool {
 namespace {
 
@@ -17,6 +19,7 @@ constexpr auto drainLimit = 2s;
 constexpr auto drainMinimum = 250ms;
 /// Blocks of sound: the send buffer keeps five frames back to sort them, the encoders one each.
 constexpr int tailLength = 8;
+constexpr int usageStatus = 2;
 /// Pictures that have not come out of the encoder after so long never will.
 constexpr auto encoderPatience = 2s;
 
@@ -135,7 +138,10 @@ void Publisher::handle(const SessionEvents::Event& event) {
       }
       break;
     case Kind::Failure:
-      if (const auto trouble = troubles_.connectionFailed(event.code, event.words, Waker::now())) {
+      if (event.code == RtmpFailureUrl) {  // Nothing will mend it.
+        fail(0, "cannot publish to " + maskedUrl(options_.url) + ": " + event.words);
+        exitStatus_ = usageStatus;
+      } else if (const auto trouble = troubles_.connectionFailed(event.code, event.words, Waker::now())) {
         output_->trouble(*trouble);
       }
       break;

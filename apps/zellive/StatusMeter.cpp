@@ -10,10 +10,10 @@ constexpr auto silence = std::chrono::milliseconds(2500);
 
 void StatusMeter::report(const ZelLiveDebug& info, Duration now) {
   const double seconds = std::chrono::duration<double>(now - time_).count();
-  if (hasReport_ && seconds > 0) {
+  hasRates_ = hasReport_ && seconds > 0 && now - time_ < silence;  // An average over an outage is no rate.
+  if (hasRates_) {
     bitsPerSecond_ = (info.dataFlow - bytes_) * 8 / seconds;
     framesPerSecond_ = static_cast<double>(info.captureVideoTotalCount - pictures_) / seconds;
-    hasRates_ = true;
   }
   hasReport_ = true;
   time_ = now;

@@ -14,8 +14,8 @@ class StatusMeter {
 
   /// A report of the session's that came at `now`.
   void report(const ZelLiveDebug& info, Duration now);
-  /// Writes rates and the count of dropped frames into `status`; rates are not known at first, and 0 when no report
-  /// has come for a while.
+  /// Writes rates and the count of dropped frames into `status`; rates are not known at first and after an outage,
+  /// and 0 when no report has come for a while.
   void read(StreamStatus& status, Duration now) const;
   [[nodiscard]] bool hasRates() const { return hasRates_; }
 

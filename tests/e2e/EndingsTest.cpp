@@ -77,8 +77,9 @@ TEST(EndingsTest, AnInterruptBeforeTheConnectionEndsAtOnce) {
 }
 
 TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
-  const auto expectMistake = [](std::vector<std::string> arguments, int status, const char* told) {
-    const auto run = runProgram(toolCommand(local(9), std::move(arguments)));
+  const auto expectMistake = [](std::vector<std::string> arguments, int status, const char* told,
+                                const std::string& url = local(9)) {
+    const auto run = runProgram(toolCommand(url, std::move(arguments)));
     EXPECT_EQ(run.status, status) << run.errors;
     EXPECT_NE(run.errors.find(told), std::string::npos) << run.errors;
     EXPECT_EQ(run.errors.find('\n'), run.errors.size() - 1) << run.errors;
@@ -87,6 +88,8 @@ TEST(EndingsTest, MistakesOnTheCommandLineAndInFilesAreTold) {
   expectMistake({"--input", "/nonexistent/clip.mp4"}, 1, "No such file");
   expectMistake({"--test-card", "--preset", "foo"}, 2, "has no preset \"foo\"");
   expectMistake({}, 2, "--input");
+  expectMistake({"--test-card"}, 2, "the URL's port is not a number",
+                std::string("rtmp://127.0.0.1:99999/live/") + key);
 }
 
 }  // namespace

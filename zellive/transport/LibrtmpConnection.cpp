@@ -170,7 +170,7 @@ bool LibrtmpConnection::handshake(RTMPError* error) {
     if (silent) {
       return fail(error, RtmpFailureTimeout,
                   "the server accepted the connection and then said nothing for " + inSeconds(options_.receiveLimit) +
-                      ": is it an RTMP server?");
+                      (url_.tls ? ": does it take secure connections?" : ": is it an RTMP server?"));
     }
     return fail(error, RtmpFailureHandshake,
                 url_.tls ? "the server did not agree to a secure connection, or closed it during the handshake"
