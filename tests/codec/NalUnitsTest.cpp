@@ -28,7 +28,6 @@ Bytes withLength(const Bytes& unit) { return concat({{0, 0, 0, static_cast<std::
 const Bytes kCode3{0, 0, 1};
 const Bytes kCode4{0, 0, 0, 1};
 const Bytes kSps{0x67, 0x64, 0, 0x1F, 0xAC};
-const Bytes kPps{0x68, 0xEE, 0x3C};
 const Bytes kSei{0x06, 0x05, 0x01, 0xAA, 0x80};
 const Bytes kFiller{0x0C, 0xFF, 0xFF, 0x80};
 const Bytes kIdr{0x65, 0x88, 1, 0, 2, 0, 0, 3, 1, 0x9B};
@@ -90,20 +89,6 @@ TEST(SampleAssembler, PacksTheSlicesOfAnyStreamAndOneAloneInPlace) {
     (void)SampleAssembler(AnnexB).assemble(*packetOf(stream), true);
     (void)unitsOf(stream, Lengths);
   }
-}
-
-TEST(SampleAssembler, KeepsSlicesAndParameterSetsOfAnAnnexBStream) {
-  SampleAssembler assembler(AnnexB);
-  const VideoSample first = assembler.assemble(
-      *packetOf(concat({kCode4, kSps, kCode4, kPps, kCode3, kSei, kCode3, kIdr, kCode3, kFiller})), false);
-  EXPECT_TRUE(first.sync);
-  EXPECT_EQ(bytesOf(first.data), withLength(kIdr));
-  EXPECT_EQ(bytesOf(first.sps), kSps);
-  EXPECT_EQ(bytesOf(first.pps), kPps);
-  const VideoSample second = assembler.assemble(*packetOf(concat({kCode4, kSps, kCode3, kSlice})), true);
-  EXPECT_FALSE(second.sync);
-  EXPECT_EQ(bytesOf(second.data), withLength(kSlice));
-  EXPECT_EQ(second.sps.bytes(), first.sps.bytes()) << "an unchanged parameter set is shared";
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
-// The small services of a platform: the companion, notifications, and the memory monitor.
+// The small services of a platform: notifications and the memory monitor.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -16,17 +15,6 @@ namespace zellive {
 namespace {
 
 using namespace std::chrono_literals;
-
-TEST(DefaultPlatform, LoggedOutAccountRefusesOnTheAnswerQueue) {
-  const auto platform = defaultPlatform();
-  const auto account = platform->companion->loginManager()->activeAccount();
-  account->getLivePullUrlWithRoomId("room", {});  // Nobody waits for this one.
-  std::promise<std::pair<std::uint64_t, bool>> answer;
-  account->getLivePushUrlWithRoomId("room", [&](const QMZError&, std::uint64_t code, const auto& response) {
-    answer.set_value({code, platform->queues->globalQueue()->isCurrent() && !response});
-  });
-  EXPECT_EQ(answer.get_future().get(), std::pair(std::uint64_t{401}, true));
-}
 
 TEST(NotificationCenter, CallsTheObserversOfOneNameInOrderUntilTheirObservationsEnd) {
   NotificationCenter center;

@@ -47,20 +47,6 @@ TEST(AudioConfiguration, ArchiveAndCopy) {
   EXPECT_EQ(Audio::initWithCoder(*makeKeyedUnarchiver(R"({"asc": "abc"})"))->asc(), (Asc{0, 0}));
 }
 
-TEST(VideoConfiguration, BoundsOnTheWrongSideAreIgnored) {
-  Video video(1, ZelLiveCaptureVideo, 1, std::make_shared<test::SettableDevice>());
-  for (const auto& [step, expected] :
-       {std::pair{0U, std::array{1740800U, 1228800U, 0U, 0U}}, {1U, std::array{1536001U, 1535999U, 25U, 23U}}}) {
-    video.setVideoMaxBitRate(1536000 + step);
-    video.setVideoMinBitRate(1536000 - step);
-    video.setVideoMaxFrameRate(24 + step);
-    video.setVideoMinFrameRate(24 - step);
-    EXPECT_EQ(std::tuple(video.videoMaxBitRate(), video.videoMinBitRate(), video.videoMaxFrameRate(),
-                         video.videoMinFrameRate()),
-              std::tuple_cat(expected));
-  }
-}
-
 TEST(VideoConfiguration, OrientationAndScreen) {
   constexpr std::int64_t kCamera = ZelLiveCaptureVideo;
   constexpr std::int64_t kScreen = ZelLiveReplayVideo;

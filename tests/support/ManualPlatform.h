@@ -26,7 +26,7 @@ class SettableDevice : public Device {
   void setStatusBarOrientation(std::int64_t value) override { statusBar = value; }
   [[nodiscard]] bool idleTimerDisabled() const override { return staysOn; }
   void setIdleTimerDisabled(bool value) override { staysOn = value; }
-  [[nodiscard]] bool cameraSupportsPreset(std::string_view) const override { return cameraAccepts; }
+  [[nodiscard]] bool cameraSupportsPreset(std::string_view) const override { return true; }
 
   std::uint64_t memory = std::uint64_t{8} << 30;
   std::int64_t resident = 1 << 20;
@@ -34,7 +34,6 @@ class SettableDevice : public Device {
   std::int64_t orientation = 1;
   std::int64_t statusBar = 1;
   bool staysOn = false;
-  bool cameraAccepts = true;
 };
 
 class SettableReachability : public AFNetworkReachabilityManager {

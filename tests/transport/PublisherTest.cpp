@@ -73,26 +73,6 @@ class Publisher : public ::testing::Test {
   std::shared_ptr<ZelStreamRtmpSocket> socket;
 };
 
-TEST_F(Publisher, ConnectsAndDescribesTheStreamFirst) {
-  info->videoConfiguration = ZelLiveVideoConfiguration::defaultConfiguration();
-  // The kernel's buffer is bounded by the stream's rate.
-  for (const auto& [rate, buffer] : {std::pair(0U, 65536U), {3'000'000U, 187500U}, {80'000'000U, 524288U}}) {
-    info->videoConfiguration->setVideoBitRate(rate);
-    make();
-    send({video(1)});
-    EXPECT_TRUE(rtmp.urls.empty()) << "frames wait for the start";
-    socket->start();
-    socket->start();
-    EXPECT_EQ(told(0s), "CK");
-    EXPECT_EQ(rtmp.urls, std::vector<std::string>{kUrl});
-    EXPECT_EQ(rtmp.options[0].sendBufferBytes, buffer);
-    ASSERT_EQ(rtmp.sent.size(), 2U) << "the connection itself sets the waiting frame going";
-    EXPECT_EQ(rtmp.sent[0].type, 0x12);
-    EXPECT_TRUE(rtmp.sent[0].absoluteTimestamp);
-    EXPECT_EQ(rtmp.sent[1].type, 9);
-  }
-}
-
 TEST_F(Publisher, SpendsTheFirstFrameOfEachKindOnItsHeader) {
   struct Case {
     const char* name;

@@ -52,29 +52,19 @@ class StreamingBuffer : public ::testing::Test {
 };
 
 TEST_F(StreamingBuffer, SizesItselfByMemoryAndRates) {
-  struct Case {
-    double gigabytes;
-    std::uint64_t channels, audioRate, videoRate, expected;
-  };
-  for (const Case& c : std::vector<Case>{
-           {0.99, 1, 96000, 800000, 6034},
-           {2.5, 1, 96000, 800000, 24137},
-           {4.0, 1, 96000, 800000, 60342},
-           {4.0, 0, 96000, 800000, 21942},  // No block length: no audio frames.
-           {0.5, 1, 9600000, 800000000, 750},
-           {4.0, 1, 0, 0, 750},
-       }) {
-    SCOPED_TRACE(std::to_string(c.gigabytes) + " GB, video " + std::to_string(c.videoRate));
-    manual.device->memory = static_cast<std::uint64_t>(c.gigabytes * (1 << 30));
-    auto audio = std::make_shared<ZelLiveAudioConfiguration>();
-    audio->setNumberOfChannels(c.channels);
-    audio->setAudioSampleRate(44100);
-    audio->setAudioBitRate(c.audioRate);
-    auto video = std::make_shared<ZelLiveVideoConfiguration>(1, 2, 1, manual.device);
-    video->setVideoFrameRate(24);
-    video->setVideoBitRate(c.videoRate);
+  const auto audio = std::make_shared<ZelLiveAudioConfiguration>();
+  const auto video = std::make_shared<ZelLiveVideoConfiguration>(1, 2, 1, manual.device);
+  audio->setNumberOfChannels(1);
+  audio->setAudioSampleRate(44100);
+  for (const auto& [megabytes, audioRate, videoRate, expected] : {std::tuple{512U, 96000U, 800000U, 6034U},
+                                                                  {4096U, 96000U, 800000U, 60342U},
+                                                                  {512U, 9600000U, 800000000U, 750U},
+                                                                  {4096U, 0U, 0U, 750U}}) {
+    manual.device->memory = std::uint64_t{megabytes} << 20;
+    audio->setAudioBitRate(audioRate);
+    video->setVideoBitRate(videoRate);
     make(audio, video);
-    EXPECT_EQ(buffer->maxCount(), c.expected);
+    EXPECT_EQ(buffer->maxCount(), expected) << megabytes << " MB, video " << videoRate;
   }
 }
 
