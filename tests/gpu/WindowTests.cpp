@@ -251,7 +251,7 @@ TEST(WindowsDeathTest, SurviveTheirXServer) {
         const bool refused = windows->makeWindow({.title = "late"}) == nullptr;
         std::_Exit(shown && vanished && refused ? 0 : 1);
       },
-      testing::ExitedWithCode(0), "the window system has gone; 1 window");
+      testing::ExitedWithCode(0), "the window system has gone; windows lost: 1");
 }
 
 }  // namespace

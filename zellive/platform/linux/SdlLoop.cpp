@@ -240,7 +240,7 @@ void SdlLoop::giveUpIfLost() {
   if (!connected_ || !connectionBroken) {
     return;
   }
-  ZEL_LOG_WARNING("Live: the window system has gone; %zu windows with it", windows_.size());
+  ZEL_LOG_WARNING("Live: the window system has gone; windows lost: %zu", windows_.size());
   // SDL would end the process when it says good-bye to an X server that has gone. What it holds stays.
   lost_ = true;
   connected_ = false;
