@@ -54,7 +54,7 @@ TEST_P(EveryFillModeAndTurn, ShowsTheFrameAtTheSizeThatTheViewHas) {
   source->addTarget(view);
   source->send(*picture);
   const bool swaps = turnSwapsSides(source->turn);
-  for (const Size size : {Size{64, 48}, Size{31, 57}}) {
+  for (const Size size : {Size{64, 48}, Size{31, 57}, Size{40, 22}}) {
     view->setFrame({5, 5, size.width, size.height});
     const double across = size.width / (swaps ? 22 : 40);
     const double down = size.height / (swaps ? 40 : 22);

@@ -158,9 +158,16 @@ void GPUImageView::renderIfBehind() {
   setNeedsDisplay();
 }
 
+bool GPUImageView::isAsDrawn(const Look& look) const {
+  return shown_.framebuffer && shown_.framebuffer->isRenderTarget() && shown_.turn == kGPUImageTurnNone &&
+         shown_.size == look.size && shown_.framebuffer->size() == look.size;
+}
+
 void GPUImageView::render(const Look& look) {
   std::shared_ptr<PixelBuffer> picture;
-  if (look.size.width >= 1 && look.size.height >= 1) {
+  if (isAsDrawn(look)) {
+    picture = shown_.framebuffer->pixelBuffer();
+  } else if (look.size.width >= 1 && look.size.height >= 1) {
     // Not from the cache, which would keep one of each size that a window is drawn through.
     if (!output_ || output_->size() != look.size) {
       output_.reset();

@@ -77,6 +77,8 @@ class GPUImageView : public View, public GPUImageInput {
   [[nodiscard]] Look look() const;
   /// Queue: draws and reads the picture of the present look, if it is not there already.
   void renderIfBehind();
+  /// Whether the frame as it is is what would be drawn; its bytes may have been read by another stage already.
+  [[nodiscard]] bool isAsDrawn(const Look& look) const;
   void render(const Look& look);
   void drawFrame(const Look& look);
   void renderLater();
