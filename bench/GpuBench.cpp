@@ -9,8 +9,10 @@
 #include <semaphore>
 
 #include "bench/SampleFrames.h"
+#include "tests/support/FakeCameras.h"
 #include "tests/support/PictureSource.h"
 #include "zellive/capture/ZelLivePixelBufferFitSizeFilter.h"
+#include "zellive/capture/ZelLiveVideoCapture.h"
 #include "zellive/gpu/GPUImageAlphaBlendFilter.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFramebufferCache.h"
@@ -120,6 +122,25 @@ void gpuReadBack(benchmark::State& state) {
   framebuffer->unlock();
 }
 BENCHMARK(gpuReadBack)->Apply(sizes);
+
+/// From the camera's picture, 1280 x 720, to the picture that the session gets.
+void gpuCameraChain(benchmark::State& state) {
+  struct Receiver : ZelLiveVideoCaptureDelegate {
+    void videoCaptureOutputPixelBuffer(ZelLiveVideoCapture*, std::shared_ptr<PixelBuffer> pixelBuffer) override {
+      benchmark::DoNotOptimize(pixelBuffer);
+    }
+  };
+  auto platform = std::make_shared<Platform>(*defaultPlatform());
+  platform->cameras = std::make_shared<test::FakeCameras>();
+  const auto capture = ZelLiveVideoCapture::create(
+      ZelLiveVideoConfiguration::defaultConfigurationForQuality(ZelLiveVideoQualityMedium), platform);
+  const auto receiver = std::make_shared<Receiver>();
+  capture->setDelegate(receiver);
+  capture->setRunning(true);
+  const CaptureSampleBuffer sample{noisePicture(PixelFormat::BiPlanarFullRange, kSizes[0]), MediaTime::make(0, 1)};
+  measure(state, [&] { capture->videoCamera()->processVideoSampleBuffer(sample); });
+}
+BENCHMARK(gpuCameraChain)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 
 /// A picture of 4:3 as high as the output, drawn into it and read back by the renderer on its own queue.
 void gpuFit(benchmark::State& state, PixelFormat format) {
