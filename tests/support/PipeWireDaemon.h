@@ -32,7 +32,7 @@ class PipeWireDaemon {
     int height = 720;
     int frameRate = 30;
     std::string pattern = "smpte";
-    std::string properties;  ///< More of the node's: "api.libcamera.location=front".
+    std::string properties = {};  ///< More of the node's: "api.libcamera.location=front".
   };
   /// A camera of its own process: ending it unplugs the camera. It appears some time later.
   [[nodiscard]] static std::unique_ptr<Process> plugIn(const Camera& camera);

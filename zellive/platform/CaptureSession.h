@@ -114,6 +114,8 @@ class CaptureSession {
   [[nodiscard]] virtual bool isRunning() const = 0;
 };
 
+struct VirtualCamera;
+
 /// The machine's cameras. Thread-safe.
 class CameraService {
  public:
@@ -124,6 +126,9 @@ class CameraService {
   /// From now on the camera of this name or unique ID is the one at `position`, whatever the cameras say of themselves.
   /// False when there is no such camera.
   [[nodiscard]] virtual bool setDeviceAtPosition(CaptureDevicePosition position, std::string_view name) = 0;
+  /// From now on the application's own camera is among the virtual ones. False when it has no formats or nothing that
+  /// makes its pictures, when its unique ID is taken, or where there can be none.
+  [[nodiscard]] virtual bool addVirtualCamera(const VirtualCamera& /*camera*/) { return false; }
   /// Null where the machine has no cameras at all.
   [[nodiscard]] virtual std::shared_ptr<CaptureSession> makeSession() = 0;
 };

@@ -3,10 +3,12 @@
 #include "zellive/platform/linux/EglGraphics.h"
 #include "zellive/platform/linux/FfmpegAudioConversion.h"
 #include "zellive/platform/linux/FfmpegVideoCompression.h"
+#include "zellive/platform/linux/LinuxCameras.h"
 #include "zellive/platform/linux/LinuxDevice.h"
 #include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/NetlinkReachability.h"
 #include "zellive/platform/linux/NoDevices.h"
+#include "zellive/platform/linux/PipeWireConnection.h"
 #include "zellive/platform/linux/SdlWindows.h"
 #include "zellive/platform/linux/SystemClock.h"
 #include "zellive/platform/linux/SystemNameService.h"
@@ -19,13 +21,14 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   set->queues = makeAsioQueues();
   set->clock = std::make_shared<SystemClock>();
   set->notifications = std::make_shared<NotificationCenter>();
-  set->device = std::make_shared<LinuxDevice>();
   set->reachability = makeNetworkReachability(*set->queues, set->notifications);
   set->names = makeSystemNameService();
   set->videoCompression = makeFfmpegVideoCompression();
   set->audioConversion = makeFfmpegAudioConversion();
   set->graphics = makeEglGraphics();
-  set->cameras = std::make_shared<NoCameras>();
+  const auto pipeWire = std::make_shared<PipeWireConnection>(set->queues->makeSerialQueue("zellive.pipewire"));
+  set->cameras = std::make_shared<LinuxCameras>(pipeWire, set->queues, set->clock);
+  set->device = std::make_shared<LinuxDevice>(set->cameras);
   set->audioInputs = std::make_shared<NoAudioInputs>();
   set->windows = makeSdlWindows();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());

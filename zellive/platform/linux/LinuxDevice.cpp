@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
+
+#include "zellive/platform/linux/CameraFormats.h"
 
 namespace zellive {
 
@@ -34,6 +37,18 @@ void LinuxDevice::setScreenBounds(Size points) {
   screen_ = points;
 }
 
-bool LinuxDevice::cameraSupportsPreset(std::string_view) const { return true; }
+bool LinuxDevice::cameraSupportsPreset(std::string_view preset) const {
+  const auto size = sizeOfPreset(preset);
+  for (const auto& camera : cameras_->devices()) {
+    if (camera->position() == CaptureDevicePositionFront) {
+      const auto formats = camera->formats();
+      return formats.empty() ||
+             (size && std::any_of(formats.begin(), formats.end(), [&](const CaptureDeviceFormat& format) {
+                return format.width == size->width && format.height == size->height;
+              }));
+    }
+  }
+  return true;
+}
 
 }  // namespace zellive

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <mutex>
+#include <utility>
 
+#include "zellive/platform/CaptureSession.h"
 #include "zellive/platform/Device.h"
 
 namespace zellive {
@@ -12,6 +15,8 @@ namespace zellive {
 /// to read.
 class LinuxDevice : public Device {
  public:
+  explicit LinuxDevice(std::shared_ptr<CameraService> cameras) : cameras_(std::move(cameras)) {}
+
   [[nodiscard]] std::uint64_t physicalMemory() const override;
   [[nodiscard]] std::int64_t residentMemory() const override;
   [[nodiscard]] Size screenBounds() const override;
@@ -25,6 +30,7 @@ class LinuxDevice : public Device {
   [[nodiscard]] bool cameraSupportsPreset(std::string_view preset) const override;
 
  private:
+  const std::shared_ptr<CameraService> cameras_;
   mutable std::mutex mutex_;
   Size screen_{1920, 1080};
   std::atomic<std::int64_t> orientation_ = 1;
