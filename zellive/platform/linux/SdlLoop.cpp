@@ -133,6 +133,7 @@ void SdlLoop::run() {
   while (!windows_.empty()) {
     remove(*windows_.begin()->second);
   }
+  SDL_TLSCleanup();
 }
 
 void SdlLoop::waitForWork() {

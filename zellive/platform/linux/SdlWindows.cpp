@@ -25,9 +25,9 @@ class SdlWindows : public WindowService {
   }
 
  private:
-  std::shared_ptr<Window> open(const WindowOptions& options) {
+  [[nodiscard]] std::shared_ptr<Window> open(const WindowOptions& options) {
     std::string failure;
-    const auto window = std::make_shared<SdlWindow>(loop_);
+    auto window = std::make_shared<SdlWindow>(loop_);
     if (!loop_->connect(failure) || !window->open(options, failure)) {
       loop_->disconnectIfIdle();
       ZEL_LOG_WARNING("Live: no window can be shown on this machine: %s", failure.c_str());
@@ -35,7 +35,8 @@ class SdlWindows : public WindowService {
     }
     loop_->add(window);
     // The loop keeps the window itself; when the application's last reference goes it closes.
-    std::shared_ptr<Window> reference(window.get(), [window](Window*) { window->close(); });
+    // Weak references keep this function, and must not keep the window.
+    std::shared_ptr<Window> reference(window.get(), [window](Window*) mutable { std::exchange(window, {})->close(); });
     window->setReference(reference);
     return reference;
   }
