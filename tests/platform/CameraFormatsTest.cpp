@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/support/Process.h"
+#include "zellive/platform/linux/MjpegDecoder.h"
 #include "zellive/platform/linux/RawPicture.h"
 
 namespace zellive {
@@ -196,6 +198,29 @@ TEST(RawPicture, RgbOfEveryOrderBecomesTheSameColours) {
     const auto converted = PixelBuffer::create(PixelFormat::BiPlanarVideoRange, 16, 4);
     toBiPlanar(picture, *converted);
     expectColour(*converted, 5, {81, 110, 205}, 2);  // By the matrix of BT.601.
+  }
+}
+
+TEST(MjpegDecoder, DecodesEverySamplingAndRefusesRubbish) {
+  const test::TemporaryDirectory directory;
+  MjpegDecoder decoder;
+  for (const char* sampling : {"yuvj420p", "yuvj422p", "yuvj444p"}) {
+    SCOPED_TRACE(sampling);
+    const std::string path = directory.path() + "/" + sampling + ".jpg";
+    const auto made = test::runProgram({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=0xC81428:s=66x34",
+                                        "-frames:v", "1", "-pix_fmt", sampling, "-q:v", "2", path});
+    ASSERT_EQ(made.status, 0) << made.errors;
+    const std::string file = test::contentsOf(path);
+    const std::span data(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
+    EXPECT_FALSE(decoder.decode(std::vector<std::uint8_t>(500, 0x55)));
+    (void)decoder.decode(data.first(data.size() / 2));  // Must do no harm.
+    const auto picture = decoder.decode(data);
+    ASSERT_TRUE(picture);
+    EXPECT_EQ(picture->width, 66U);
+    EXPECT_EQ(picture->height, 34U);
+    const auto full = PixelBuffer::create(PixelFormat::BiPlanarFullRange, 66, 34);
+    toBiPlanar(*picture, *full);
+    expectColour(*full, 60, {76, 108, 216}, 3);
   }
 }
 

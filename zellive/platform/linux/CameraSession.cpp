@@ -11,7 +11,11 @@ std::shared_ptr<CaptureSession> CameraSession::create(QueueService& queues, std:
   const std::shared_ptr<CameraSession> session(new CameraSession(queues, std::move(clock)));
   // Cameras refer to the session while they call it, so its end may come on a thread of theirs, where no camera can be
   // stopped: that is done before, when the user's last reference goes.
-  const std::shared_ptr<CaptureSession> forUser(session.get(), [session](CaptureSession*) { session->end(); });
+  // Its own weak reference keeps what is captured here, which is let go by hand for that reason.
+  const std::shared_ptr<CaptureSession> forUser(session.get(), [kept = session](CaptureSession*) mutable {
+    kept->end();
+    kept.reset();
+  });
   session->self_ = forUser;
   return forUser;
 }
@@ -179,7 +183,7 @@ void CameraSession::run(const std::function<void(CameraSession&)>& action) {
     words.swap(toTell_);
   }
   for (const auto& [level, text] : words) {
-    ZEL_LOG(level, "Live: the camera %s", text.c_str());
+    QMZPrintLog(level, "CameraSession", __LINE__, "Live: the camera " + text);
   }
 }
 

@@ -14,6 +14,8 @@ namespace zellive {
 namespace {
 
 constexpr timespec kRetryTime{1, 0};
+/// From the connection to the end of the listing, which takes milliseconds where the daemon lets us in.
+constexpr timespec kListingTime{5, 0};
 /// The daemon lists its objects by the first answer, what they are by the second, and what they can do by the third.
 constexpr int kListingRounds = 3;
 
@@ -53,6 +55,8 @@ class PipeWireConnection::Link {
         loop(), [](void* self, std::uint64_t) { static_cast<Link*>(self)->connect(); }, this);
     drop_ = pw_loop_add_event(
         loop(), [](void* self, std::uint64_t) { static_cast<Link*>(self)->drop(); }, this);
+    unanswered_ = pw_loop_add_timer(
+        loop(), [](void* self, std::uint64_t) { static_cast<Link*>(self)->tellUnanswered(); }, this);
     if (context_ != nullptr) {
       pw_thread_loop_start(thread_);
     }
@@ -66,6 +70,7 @@ class PipeWireConnection::Link {
     disconnect();
     pw_loop_destroy_source(loop(), retry_);
     pw_loop_destroy_source(loop(), drop_);
+    pw_loop_destroy_source(loop(), unanswered_);
     if (context_ != nullptr) {
       pw_context_destroy(context_);
     }
@@ -92,7 +97,7 @@ class PipeWireConnection::Link {
 
   void add(User& user) {
     users_.push_back(&user);
-    if (core_ != nullptr && !broken_) {
+    if (core_ != nullptr && broken_ == 0) {
       user.connectionMade();
       for (const auto& [id, object] : objects_) {
         user.objectAppeared(object);
@@ -125,23 +130,24 @@ class PipeWireConnection::Link {
     pw_core_add_listener(core_, &coreHook_, &kCoreEvents, this);
     registry_ = pw_core_get_registry(core_, PW_VERSION_REGISTRY, 0);
     pw_registry_add_listener(registry_, &registryHook_, &kRegistryEvents, this);
-    broken_ = false;
+    broken_ = 0;
     rounds_ = 0;
     owner_.setListing(Listing::Under);
     tellUsers([](User& user) { user.connectionMade(); });
     round_ = pw_core_sync(core_, PW_ID_CORE, 0);
+    set(unanswered_, kListingTime);
   }
 
   /// Not in events of the core, which it destroys.
   void drop() {
-    if (core_ == nullptr || (!broken_ && !users_.empty())) {
+    if (core_ == nullptr || (broken_ == 0 && !users_.empty())) {
       return;
     }
-    const bool lost = broken_;
+    const int error = broken_;
     disconnect();
     owner_.setListing(Listing::Done);
-    if (lost) {
-      tellAway(EPIPE);
+    if (error != 0) {
+      tellAway(error);
       tryLater();
     }
   }
@@ -150,6 +156,7 @@ class PipeWireConnection::Link {
     if (core_ == nullptr) {
       return;
     }
+    set(unanswered_, {});
     objects_.clear();
     tellUsers([](User& user) { user.connectionLost(); });
     spa_hook_remove(&registryHook_);
@@ -158,13 +165,13 @@ class PipeWireConnection::Link {
     pw_core_disconnect(core_);
     core_ = nullptr;
     registry_ = nullptr;
-    broken_ = false;
+    broken_ = 0;
   }
 
-  void tryLater() {
-    timespec value = kRetryTime;
-    pw_loop_update_timer(loop(), retry_, &value, nullptr, false);
-  }
+  void tryLater() { set(retry_, kRetryTime); }
+
+  /// No time at all: not any more.
+  void set(spa_source* timer, timespec value) { pw_loop_update_timer(loop(), timer, &value, nullptr, false); }
 
   void listed(int round) {
     if (round != round_) {
@@ -174,6 +181,7 @@ class PipeWireConnection::Link {
       round_ = pw_core_sync(core_, PW_ID_CORE, round);
       return;
     }
+    set(unanswered_, {});
     owner_.setListing(Listing::Done);
     if (std::exchange(away_, false)) {
       tell(LogLevel::Information, "Live: PipeWire is there again");
@@ -181,9 +189,6 @@ class PipeWireConnection::Link {
   }
 
   void tellAway(int error) {
-    if (std::exchange(away_, true)) {
-      return;
-    }
     std::string reason = "is not running";
     if (error == EPIPE) {
       reason = "has ended";
@@ -192,14 +197,27 @@ class PipeWireConnection::Link {
     } else if (error != ENOENT && error != ECONNREFUSED && error != EHOSTDOWN) {
       reason = std::string("cannot be reached: ") + std::strerror(error);
     }
-    tell(LogLevel::Warning, "Live: PipeWire " + reason +
-                                "; the machine's cameras and microphones are missing until it answers, which is tried "
-                                "each second");
+    tellAway(reason +
+             "; the machine's cameras and microphones are missing until it answers, which is tried each second");
+  }
+
+  void tellUnanswered() {
+    owner_.setListing(Listing::Done);
+    tellAway(
+        "tells this program nothing, which as a rule means that permission is refused; the machine's cameras and "
+        "microphones are missing until it does");
+  }
+
+  void tellAway(const std::string& words) {
+    if (!std::exchange(away_, true)) {
+      tell(LogLevel::Warning, "Live: PipeWire " + words);
+    }
   }
 
   /// Elsewhere, as whoever reads the line may call the library.
   void tell(LogLevel level, std::string message) {
-    owner_.queue_->async([level, message = std::move(message)] { ZEL_LOG(level, "%s", message.c_str()); });
+    owner_.queue_->async(
+        [level, message = std::move(message)] { QMZPrintLog(level, "PipeWireConnection", __LINE__, message); });
   }
 
   void tellUsers(const auto& call) {
@@ -222,8 +240,8 @@ class PipeWireConnection::Link {
     }
   }
 
-  void broke() {
-    broken_ = true;
+  void broke(int error) {
+    broken_ = error;
     pw_loop_signal_event(loop(), drop_);
   }
 
@@ -235,12 +253,13 @@ class PipeWireConnection::Link {
   pw_context* context_ = nullptr;
   spa_source* retry_ = nullptr;
   spa_source* drop_ = nullptr;
+  spa_source* unanswered_ = nullptr;
   pw_core* core_ = nullptr;
   pw_registry* registry_ = nullptr;
   spa_hook coreHook_{};
   spa_hook registryHook_{};
-  bool broken_ = false;  // The daemon has gone, and the core not yet.
-  bool away_ = false;    // People have been told so.
+  int broken_ = 0;     // The error with which the daemon has gone, and the core not yet.
+  bool away_ = false;  // People have been told so.
   int round_ = 0;
   int rounds_ = 0;
   std::vector<User*> users_;
@@ -259,8 +278,8 @@ const pw_core_events PipeWireConnection::Link::kCoreEvents = {
     .ping = nullptr,
     .error =
         [](void* self, std::uint32_t id, int /*round*/, int error, const char* /*message*/) {
-          if (id == PW_ID_CORE && error == -EPIPE) {
-            static_cast<Link*>(self)->broke();
+          if (id == PW_ID_CORE && (error == -EPIPE || error == -EACCES || error == -EPERM)) {
+            static_cast<Link*>(self)->broke(-error);
           }
         },
     .remove_id = nullptr,
