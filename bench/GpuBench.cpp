@@ -16,6 +16,9 @@
 #include "zellive/gpu/GPUImageAlphaBlendFilter.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFramebufferCache.h"
+#include "zellive/gpu/GPUImageView.h"
+#include "zellive/platform/Drawing.h"
+#include "zellive/platform/ImageView.h"
 
 namespace zellive::bench {
 namespace {
@@ -141,6 +144,39 @@ void gpuCameraChain(benchmark::State& state) {
   measure(state, [&] { capture->videoCamera()->processVideoSampleBuffer(sample); });
 }
 BENCHMARK(gpuCameraChain)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+
+/// A frame in a preview of that part of its size, and the picture that a window is given.
+void gpuPreview(benchmark::State& state, double part) {
+  const auto size = sizeOf(state);
+  const auto view = GPUImageView::create({0, 0, size.width * part, size.height * part});
+  const auto frame = framebufferOf(size);
+  measure(state, [&] {
+    frame->activateFramebuffer();
+    view->setInputSize(size, 0);
+    view->setInputFramebuffer(frame, 0);
+    view->newFrameReadyAtTime(MediaTime::make(0, 1), 0);
+    benchmark::DoNotOptimize(view->picture());
+  });
+  frame->unlock();
+}
+BENCHMARK_CAPTURE(gpuPreview, half, 0.5)->Apply(sizes);
+BENCHMARK_CAPTURE(gpuPreview, whole, 1)->Apply(sizes);
+
+/// What a window's thread then does, up to what the window system is given: a preview and a mark that lets it through.
+void gpuPreviewCompose(benchmark::State& state) {
+  const auto size = sizeOf(state);
+  const Rect all{0, 0, size.width, size.height};
+  const auto content = std::make_shared<View>(all);
+  const auto mark = std::make_shared<View>(Rect{20, 20, 200, 100});
+  mark->setBackgroundColor({1, 1, 1, 0.5});
+  content->addSubview(std::make_shared<ImageView>(all, noisePicture(PixelFormat::BGRA, size)));
+  content->addSubview(mark);
+  const auto picture = noisePicture(PixelFormat::BGRA, size);
+  for ([[maybe_unused]] auto iteration : state) {
+    renderView(*content, *picture);
+  }
+}
+BENCHMARK(gpuPreviewCompose)->Apply(sizes);
 
 /// A picture of 4:3 as high as the output, drawn into it and read back by the renderer on its own queue.
 void gpuFit(benchmark::State& state, PixelFormat format) {
