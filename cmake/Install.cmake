@@ -3,7 +3,7 @@
 # Every header of the library is public but those of the machine's back ends and of the inner workings of stages.
 file(GLOB_RECURSE ZELLIVE_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/zellive/*.h)
 list(FILTER ZELLIVE_PUBLIC_HEADERS EXCLUDE REGEX
-  "/zellive/(platform/linux/.*|transport/(AbortSwitch|HostResolver|Librtmp.*|RtmpMetadata|RtmpUrl|TcpDialer)\\.h|capture/FitSizePainter\\.h|session/FormattedText\\.h)$")
+  "/zellive/(platform/(linux/.*|DeliveryGate\\.h|PcmFormat\\.h)|transport/(AbortSwitch|HostResolver|Librtmp.*|RtmpMetadata|RtmpUrl|TcpDialer)\\.h|capture/FitSizePainter\\.h|session/FormattedText\\.h)$")
 
 target_sources(zellive PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ZELLIVE_PUBLIC_HEADERS})
 install(TARGETS zellive EXPORT zelliveTargets FILE_SET HEADERS

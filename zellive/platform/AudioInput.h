@@ -47,6 +47,8 @@ struct AudioInputDescription {
   bool isVirtual = false;
 };
 
+struct VirtualMicrophone;
+
 /// The machine's microphones. Thread-safe.
 class AudioInputService {
  public:
@@ -57,6 +59,9 @@ class AudioInputService {
   /// Units made from now on take the microphone of this name or unique ID; empty for the machine's own choice. False,
   /// without effect, when there is no such microphone.
   [[nodiscard]] virtual bool setPreferredInput(std::string_view name) = 0;
+  /// From now on the application's own microphone is among the virtual ones. False when its unique ID is taken or
+  /// empty, when nothing makes its sound, or where there can be none.
+  [[nodiscard]] virtual bool addVirtualMicrophone(const VirtualMicrophone& /*microphone*/) { return false; }
   /// A unit that delivers `format`, converted where the microphone has another. Null with `status` set to an error
   /// (never 0) for a format that is not linear PCM of 16 bits, or where the machine has no sound.
   [[nodiscard]] virtual std::unique_ptr<AudioInputUnit> makeUnit(const AudioStreamBasicDescription& format,

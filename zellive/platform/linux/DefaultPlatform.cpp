@@ -1,4 +1,5 @@
 #include "zellive/platform/Platform.h"
+#include "zellive/platform/VirtualMicrophones.h"
 #include "zellive/platform/linux/AsioQueues.h"
 #include "zellive/platform/linux/EglGraphics.h"
 #include "zellive/platform/linux/FfmpegAudioConversion.h"
@@ -7,8 +8,8 @@
 #include "zellive/platform/linux/LinuxDevice.h"
 #include "zellive/platform/linux/MemoryMonitor.h"
 #include "zellive/platform/linux/NetlinkReachability.h"
-#include "zellive/platform/linux/NoDevices.h"
 #include "zellive/platform/linux/PipeWireConnection.h"
+#include "zellive/platform/linux/PipeWireMicrophones.h"
 #include "zellive/platform/linux/SdlWindows.h"
 #include "zellive/platform/linux/SystemClock.h"
 #include "zellive/platform/linux/SystemNameService.h"
@@ -29,7 +30,12 @@ std::shared_ptr<const Platform> makeDefaultPlatform() {
   const auto pipeWire = std::make_shared<PipeWireConnection>(set->queues->makeSerialQueue("zellive.pipewire"));
   set->cameras = std::make_shared<LinuxCameras>(pipeWire, set->queues, set->clock);
   set->device = std::make_shared<LinuxDevice>(set->cameras);
-  set->audioInputs = std::make_shared<NoAudioInputs>();
+  const auto microphones = std::make_shared<PipeWireMicrophones>(
+      PipeWireSources::create(pipeWire, set->queues->makeSerialQueue("zellive.microphones"), set->notifications));
+  set->audioInputs = std::make_shared<VirtualMicrophones>(microphones, set->queues, set->clock);
+  for (const auto& microphone : {toneMicrophone(), speechMicrophone()}) {
+    (void)set->audioInputs->addVirtualMicrophone(microphone);
+  }
   set->windows = makeSdlWindows();
   set->companion = makeLoggedOutSdwan(set->queues->globalQueue());
   return set;
