@@ -10,11 +10,6 @@
 #include "tests/support/ManualPlatform.h"
 #include "zellive/gpu/GPUImageQueues.h"
 
-/// The driver holds the textures of the last blend until it is given others, in memory where the leak sanitizer does
-/// not look. What we lose ourselves is not allocated in there.
-extern "C" [[gnu::weak]] const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() { return "leak:_dri.so\nleak:libLLVM"; }
-
 namespace zellive::test {
 namespace {
 

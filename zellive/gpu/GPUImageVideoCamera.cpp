@@ -312,6 +312,11 @@ void GPUImageVideoCamera::processVideoSampleBuffer(const CaptureSampleBuffer& sa
   }
   {
     const auto luminance = bindPlane(picture, 0, GL_TEXTURE4, {GL_LUMINANCE, width, height, GL_LUMINANCE});
+    if (luminance && width == imageBufferWidth_ && height == imageBufferHeight_) {
+      // A pixel of the frame is one of the picture: there is nothing between two to be made out, at a cost.
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    }
     const auto chrominance =
         bindPlane(picture, 1, GL_TEXTURE5, {GL_LUMINANCE_ALPHA, width / 2, height / 2, GL_LUMINANCE_ALPHA});
     luminanceTexture_ = luminance ? luminance->name : 0;
