@@ -7,6 +7,7 @@
 #include <array>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -80,16 +81,18 @@ TEST(View, SidesFollowTheSuperviewAsAskedAndAllChangesAreTold) {
   root->setFrame({5, 5, 150, 60});
   EXPECT_EQ(both->frame(), (Rect{10, 10, 130, 40}));
   EXPECT_EQ(inner->frame(), (Rect{1, 2, 30, 0})) << "no side is below zero";
+  inner->setFrame({1, 2, std::numeric_limits<double>::quiet_NaN(), 7});
+  EXPECT_EQ(inner->frame(), (Rect{1, 2, 0, 7}));
   inner->setAlpha(0.5);
   inner->setAlpha(0.5);
   inner->setHidden(true);
   inner->setNeedsDisplay();
-  EXPECT_EQ(told, 4) << "once for each change, none for what is as it was";
+  EXPECT_EQ(told, 5) << "once for each change, none for what is as it was";
   const auto version = root->contentVersion();
   inner->removeFromSuperview();
   EXPECT_GT(root->contentVersion(), version);
   inner->setBackgroundColor({1, 1, 1, 1});
-  EXPECT_EQ(told, 5) << "it is in the tree no more";
+  EXPECT_EQ(told, 6) << "it is in the tree no more";
 }
 
 std::uint32_t pixel(const PixelBuffer& picture, std::size_t x, std::size_t y) {

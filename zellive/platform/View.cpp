@@ -13,6 +13,11 @@ std::mutex& treeLock() {
   return *mutex;
 }
 
+/// A length that can be drawn and compared, whatever was computed; no screen is as long as the longest.
+double side(double length) { return std::min(std::max(0.0, length), 1048576.0); }
+
+Rect withSides(const Rect& frame) { return {frame.x, frame.y, side(frame.width), side(frame.height)}; }
+
 }  // namespace
 
 /// What a change means for others. They are told without the lock.
@@ -27,7 +32,7 @@ struct View::Change {
   }
 };
 
-View::View(Rect frame) : frame_{frame.x, frame.y, std::max(frame.width, 0.0), std::max(frame.height, 0.0)} {}
+View::View(Rect frame) : frame_(withSides(frame)) {}
 
 View::~View() {
   std::vector<std::shared_ptr<View>> orphans;
@@ -66,7 +71,7 @@ void View::setFrame(Rect frame) {
   Change change;
   const std::lock_guard lock(treeLock());
   if (frame != frame_) {
-    resize({frame.x, frame.y, std::max(frame.width, 0.0), std::max(frame.height, 0.0)});
+    resize(withSides(frame));
     touch(change);
   }
 }
@@ -82,7 +87,7 @@ void View::resize(Rect frame) {
     Rect next = view->frame_;
     next.width += (view->autoresizing_ & ViewAutoresizingFlexibleWidth) != 0 ? wider : 0;
     next.height += (view->autoresizing_ & ViewAutoresizingFlexibleHeight) != 0 ? higher : 0;
-    view->resize({next.x, next.y, std::max(next.width, 0.0), std::max(next.height, 0.0)});
+    view->resize(withSides(next));
   }
 }
 

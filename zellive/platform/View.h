@@ -43,7 +43,7 @@ class View : public std::enable_shared_from_this<View> {
   View& operator=(const View&) = delete;
 
   [[nodiscard]] Rect frame() const;
-  /// Subviews follow as their autoresizing says. Sides below zero count as zero.
+  /// Subviews follow as their autoresizing says. Sides below zero count as zero; none is above 2^20.
   void setFrame(Rect frame);
   [[nodiscard]] unsigned autoresizing() const;
   void setAutoresizing(unsigned flags);

@@ -37,7 +37,7 @@ bool drawInto(SDL_Surface& surface, View& view) {
                            static_cast<int>(plane.bytesPerRow), format, surface.pixels, surface.pitch) == 0;
 }
 
-int wholePixels(double side) { return static_cast<int>(std::lround(std::clamp(side, 1.0, 16384.0))); }
+int wholePixels(double side) { return side > 1 ? static_cast<int>(std::lround(std::min(side, 16384.0))) : 1; }
 
 }  // namespace
 
