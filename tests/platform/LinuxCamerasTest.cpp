@@ -29,9 +29,10 @@ class Output : public CaptureVideoDataOutputDelegate {
     latest_ = buffer;
     ++count;
   }
-  [[nodiscard]] CaptureSampleBuffer latest() const {
+  /// The latest picture, and how many there have been.
+  [[nodiscard]] std::pair<CaptureSampleBuffer, int> latest() const {
     const std::lock_guard lock(mutex_);
-    return latest_;
+    return {latest_, count};
   }
   std::atomic<int> count = 0;
 
@@ -78,6 +79,13 @@ struct LinuxCamerasTest : testing::Test {
   [[nodiscard]] bool delivers(int pictures) const {
     const int before = output->count;
     return waitUntil([&] { return output->count >= before + pictures; }, kLimit);
+  }
+  /// Pictures a second, by their times, of so many more.
+  [[nodiscard]] double rateOf(int pictures) const {
+    const auto [from, countFrom] = output->latest();
+    EXPECT_TRUE(delivers(pictures));
+    const auto [to, countTo] = output->latest();
+    return (countTo - countFrom) * 1e9 / static_cast<double>(to.presentationTime.value - from.presentationTime.value);
   }
 
   std::shared_ptr<const Platform> platform = defaultPlatform();
@@ -162,14 +170,10 @@ TEST_F(LinuxCamerasTest, DeliversPicturesOfTheCamerasColoursSizeAndRate) {
     ASSERT_NE(camera, nullptr);
     run(camera);
     ASSERT_TRUE(delivers(10)) << daemon->log();
-    const auto from = output->latest();
-    const int countFrom = output->count;
-    ASSERT_TRUE(delivers(30));
-    const auto to = output->latest();
-    const double rate = (output->count - countFrom) /
-                        (static_cast<double>(to.presentationTime.value - from.presentationTime.value) / 1e9);
-    EXPECT_GT(rate, 20);
-    EXPECT_LT(rate, 33);
+    EXPECT_GT(rateOf(30), 12);
+    camera->setActiveVideoFrameDurations(MediaTime::make(1, 10), MediaTime::make(1, 10));
+    EXPECT_TRUE(waitUntil([&] { return rateOf(10) < 11; }, kLimit));
+    const auto to = output->latest().first;
     const double age = platform->clock->milliseconds() - static_cast<double>(to.presentationTime.value) / 1e6;
     EXPECT_GE(age, 0);
     EXPECT_EQ(to.imageBuffer->width(), static_cast<std::size_t>(width));
@@ -178,19 +182,6 @@ TEST_F(LinuxCamerasTest, DeliversPicturesOfTheCamerasColoursSizeAndRate) {
     expectBars(*to.imageBuffer);
     session.reset();
   }
-}
-
-TEST_F(LinuxCamerasTest, FramesComeNoFasterThanAskedFor) {
-  const auto process = PipeWireDaemon::plugIn({});
-  run(await("test-camera"));
-  session->input()->setActiveVideoFrameDurations(MediaTime::make(1, 10), MediaTime::make(1, 10));
-  ASSERT_TRUE(delivers(15));
-  const auto from = output->latest().presentationTime.value;
-  const int countFrom = output->count;
-  ASSERT_TRUE(delivers(10));
-  const double rate =
-      (output->count - countFrom) / (static_cast<double>(output->latest().presentationTime.value - from) / 1e9);
-  EXPECT_LT(rate, 11.5);
 }
 
 TEST_F(LinuxCamerasTest, ACameraAndADaemonThatComeBackAreTakenUpAgain) {

@@ -273,7 +273,7 @@ void CameraSession::watch() {
 void CameraSession::tellTrouble(Trouble trouble, const std::string& words) {
   // One that is known not to work is not silent on top of that.
   const bool known =
-      trouble_ == trouble ? troubleWords_ == words : trouble == Trouble::Silent && trouble_ != Trouble::None;
+      trouble_ == trouble ? troubleWords_ == words : trouble == Trouble::Silent && trouble_ == Trouble::Fails;
   if (!known) {
     trouble_ = trouble;
     troubleWords_ = words;

@@ -97,12 +97,12 @@ class PipeWireConnection {
   void setListing(Listing listing);
 
   const std::shared_ptr<Queue> queue_;
-  std::once_flag started_;
-  std::unique_ptr<Link> link_;
-
   std::mutex listingMutex_;
   std::condition_variable listingChanged_;
   Listing listing_ = Listing::Never;
+
+  std::once_flag started_;
+  std::unique_ptr<Link> link_;  // The last, as its thread uses the others to its end.
 };
 
 }  // namespace zellive
