@@ -13,7 +13,7 @@ std::size_t indexOf(ClipDemuxer::Track track) { return static_cast<std::size_t>(
 
 }  // namespace
 
-std::unique_ptr<ClipDemuxer> ClipDemuxer::open(const std::string& path, bool loop, std::string& error) {
+std::unique_ptr<ClipDemuxer> ClipDemuxer::open(const std::string& path, bool loop, std::string& error, Use use) {
   AVFormatContext* context = nullptr;
   if (const int result = avformat_open_input(&context, path.c_str(), nullptr, nullptr); result < 0) {
     error = "cannot open " + path + ": " + avErrorText(result);
@@ -26,10 +26,13 @@ std::unique_ptr<ClipDemuxer> ClipDemuxer::open(const std::string& path, bool loo
     error = "cannot read " + path + ": " + avErrorText(result);
     return nullptr;
   }
-  demuxer->index_ = {av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0),
-                     av_find_best_stream(context, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0)};
-  if (demuxer->index_[0] < 0) {
-    error = path + " has no pictures to publish";
+  const auto find = [&](AVMediaType type, Use without) {
+    return use == without ? -1 : av_find_best_stream(context, type, -1, -1, nullptr, 0);
+  };
+  demuxer->index_ = {find(AVMEDIA_TYPE_VIDEO, Use::AudioOnly), find(AVMEDIA_TYPE_AUDIO, Use::VideoOnly)};
+  const bool wantsPictures = use != Use::AudioOnly;
+  if (demuxer->index_[wantsPictures ? 0 : 1] < 0) {
+    error = path + " has no " + (wantsPictures ? "pictures" : "sound") + " to publish";
     return nullptr;
   }
   for (unsigned i = 0; i < context->nb_streams; ++i) {
@@ -52,6 +55,10 @@ MediaTime ClipDemuxer::inPass(Track track, std::int64_t time) const {
   const std::int64_t start =
       format_->start_time == AV_NOPTS_VALUE ? 0 : av_rescale_q(format_->start_time, AV_TIME_BASE_Q, nanosecond);
   return MediaTime(av_rescale_q(time, stream->time_base, nanosecond) - start);
+}
+
+MediaTime ClipDemuxer::duration() const {
+  return MediaTime(av_rescale_q(std::max<std::int64_t>(format_->duration, 0), AV_TIME_BASE_Q, nanosecond));
 }
 
 ClipDemuxer::Item ClipDemuxer::next(Track track) {
@@ -95,7 +102,7 @@ void ClipDemuxer::readOne() {
       smoothOut(inPass(kind, time));
       passEnd_ = std::max(passEnd_, origin_ + shift_ + inPass(kind, time + packet->duration));
     }
-    picturePackets_ += track == 0 ? 1 : 0;
+    passPackets_ += track == (index_[0] < 0 ? 1U : 0U) ? 1 : 0;
     queue_[track].push_back({Item::Kind::Packet, std::move(packet), origin_ + shift_});
     return;
   }
@@ -109,9 +116,9 @@ void ClipDemuxer::smoothOut(MediaTime time) {
   }
 }
 
-/// A pass without a single picture would repeat for ever without delivering anything.
+/// A pass without a single packet would repeat for ever without delivering anything.
 void ClipDemuxer::finishPass() {
-  if (!loop_ || picturePackets_ == 0) {
+  if (!loop_ || passPackets_ == 0) {
     end_ = passEnd_;
     return;
   }
@@ -120,21 +127,20 @@ void ClipDemuxer::finishPass() {
     end_ = passEnd_;
     return;
   }
-  picturePackets_ = 0;
+  passPackets_ = 0;
   // A file whose packets carry no times has pictures all the same: a pass of it lasts as long as the header says.
   if (passEnd_ <= origin_) {
-    passEnd_ =
-        origin_ +
-        std::max(MediaTime(std::chrono::milliseconds(40)),
-                 MediaTime(av_rescale_q(std::max<std::int64_t>(format_->duration, 0), AV_TIME_BASE_Q, nanosecond)));
+    passEnd_ = origin_ + std::max(MediaTime(std::chrono::milliseconds(40)), duration());
   }
   origin_ = passEnd_;
   shift_ = {};
-  for (auto& queue : queue_) {
-    Item item;
-    item.kind = Item::Kind::PassEnd;
-    item.origin = origin_;
-    queue.push_back(std::move(item));
+  for (std::size_t track = 0; track < tracks; ++track) {
+    if (index_[track] >= 0) {  // A queue that nobody reads would grow.
+      Item item;
+      item.kind = Item::Kind::PassEnd;
+      item.origin = origin_;
+      queue_[track].push_back(std::move(item));
+    }
   }
 }
 

@@ -16,6 +16,8 @@ namespace zellive::tool {
 class ClipDemuxer {
  public:
   enum class Track : std::size_t { Video, Audio };
+  /// Which tracks somebody reads; the other's packets are left in the file.
+  enum class Use { Both, VideoOnly, AudioOnly };
 
   /// What a track gets next.
   struct Item {
@@ -30,8 +32,9 @@ class ClipDemuxer {
     MediaTime origin{};
   };
 
-  /// Null with `error` set when the file cannot be opened or holds no picture track.
-  [[nodiscard]] static std::unique_ptr<ClipDemuxer> open(const std::string& path, bool loop, std::string& error);
+  /// Null with `error` set when the file cannot be opened or has no picture track; with AudioOnly, no sound track.
+  [[nodiscard]] static std::unique_ptr<ClipDemuxer> open(const std::string& path, bool loop, std::string& error,
+                                                         Use use = Use::Both);
 
   [[nodiscard]] Item next(Track track);
 
@@ -42,6 +45,8 @@ class ClipDemuxer {
   [[nodiscard]] MediaTime inPass(Track track, std::int64_t time) const;
   /// The end of the last pass, once the file has been read to it.
   [[nodiscard]] std::optional<MediaTime> end() const { return end_; }
+  /// As the file's header says; 0 where it does not.
+  [[nodiscard]] MediaTime duration() const;
   /// Why reading stopped, when it was not the end of the file.
   [[nodiscard]] const std::string& failure() const { return failure_; }
 
@@ -64,7 +69,7 @@ class ClipDemuxer {
   MediaTime origin_{};
   MediaTime shift_{};  ///< Makes up for jumps of the file's clock.
   MediaTime passEnd_{};
-  std::size_t picturePackets_ = 0;
+  std::size_t passPackets_ = 0;  ///< Of the track that counts: pictures, where there are any.
   std::optional<MediaTime> end_;
   std::string failure_;
 };

@@ -2,9 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <string_view>
+#include <utility>
+
+#include "apps/zellive/HelpText.h"
 
 #ifndef ZELLIVE_VERSION
 #define ZELLIVE_VERSION "unknown"
@@ -14,49 +18,10 @@ namespace zellive::tool {
 namespace {
 
 constexpr int usageError = 2;
-constexpr const char* noCommand = "say what to do: zellive publish URL ...";
-constexpr const char* help = R"(Publishes live audio and video to an RTMP server.
-
-Usage: zellive publish URL (--input FILE | --test-card) [options]
-
-URL is where to publish: rtmp://HOST[:PORT]/APPLICATION/STREAM
-
-What to publish, exactly one of
-  -i, --input FILE            A media file, in real time
-      --test-card             A moving picture with a clock, and a flash and a beep every second
-
-Source
-      --loop                  Begin the file again when it ends
-      --duration SECONDS      End after so many seconds of media
-
-Picture and sound
-      --quality 0..4          480p, 720p, 1080p, 1440p or 2160p; 1 (720p) by default
-      --size WxH              Size of the stream, with bars where its shape is not the source's; by default the
-                              source's, up to the quality's
-      --fps N                 Pictures per second; by default the source's, up to the quality's
-      --bitrate BPS           Video bits per second, such as 1500k or 1.5M; by default the quality's
-      --adaptive              Let the video bit rate follow the network
-      --denoise 0..3          Noise suppression, from off (the default) to strongest
-      --encoder NAME          h264_nvenc, h264_vaapi or libx264; by default the best that works
-      --preset NAME           The encoder's own preset, such as superfast
-
-Connection
-      --reconnect-interval S  Seconds before each new attempt; 5 by default
-      --reconnect-count N     Give up after so many failures in a row; 3 by default
-
-Output
-      --json                  One JSON object a second, and one for each change of state and each error
-  -v, --verbose               Every message of the library, on standard error
-  -h, --help                  This text
-      --version               The program's version
-
-Examples
-  zellive publish rtmp://live.example.net/app/KEY --input talk.mp4 --loop
-  zellive publish rtmp://127.0.0.1/live/test --test-card --duration 30
-  zellive publish rtmp://127.0.0.1/live/test --input talk.mp4 --bitrate 1.5M --adaptive --json
-
-Ctrl-C ends the stream cleanly. Exit status: 0 after a clean run, 1 when the stream failed, 2 for a wrong command line.
-)";
+constexpr const char* noCommand = "say what to do: zellive publish URL ..., or zellive devices";
+constexpr const char* oneCommand = "publish or devices, one at a time";
+constexpr std::array<std::pair<const char*, std::int64_t>, 4> orientations{
+    {{"portrait", 1}, {"upside-down", 2}, {"landscape-right", 3}, {"landscape-left", 4}}};
 
 template <typename Value>
 bool number(std::string_view text, Value& value) {
@@ -80,6 +45,9 @@ struct RawOptions {
   std::string size;
   std::string bitRate;
   double duration = 0;
+  std::string orientation;
+  std::string camera;
+  std::string microphone;
   std::uint64_t framesPerSecond = 0;
   bool testCard = false;
 };
@@ -96,6 +64,19 @@ std::string checkBitRate(const std::string& text) {
   return parseBitRate(text) ? "" : "a bit rate is a number of bits per second from 10k to 200M, such as 1500k or 1.5M";
 }
 
+std::optional<std::int64_t> orientationOf(std::string_view text) {
+  for (const auto& [name, value] : orientations) {
+    if (text == name) {
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string checkOrientation(const std::string& text) {
+  return orientationOf(text) ? "" : "an orientation is portrait, upside-down, landscape-right or landscape-left";
+}
+
 std::string checkEncoder(const std::string& text) {
   const auto known = {"h264_nvenc", "h264_vaapi", "libx264"};
   return std::find(known.begin(), known.end(), text) != known.end() ? ""
@@ -109,12 +90,19 @@ std::string checkDuration(const std::string& text) {
 
 CLI::Validator validator(std::string (*check)(const std::string&)) { return {check, "", ""}; }
 
-/// The texts that people read are in `help`.
+/// The texts that people read are in helpText.
 void addOptions(CLI::App& publish, PublishOptions& options, RawOptions& raw) {
   publish.add_option("URL", options.url)->required()->check(validator(checkUrl));
   auto* input = publish.add_option("-i,--input", options.input);
-  publish.add_flag("--test-card", raw.testCard)->excludes(input);
+  auto* testCard = publish.add_flag("--test-card", raw.testCard)->excludes(input);
+  auto* camera = publish.add_option("--camera", raw.camera)->excludes(input)->excludes(testCard);
+  publish.add_option("--microphone", raw.microphone)->excludes(input)->excludes(testCard);
   publish.add_flag("--loop", options.loop)->needs(input);
+  publish.add_flag("--mirror", options.mirror)->needs(camera);
+  publish.add_option("--orientation", raw.orientation)->needs(camera)->check(validator(checkOrientation));
+  auto* preview = publish.add_flag("--preview", options.preview)->needs(camera);
+  publish.add_option("--watermark", options.watermark)->needs(preview);
+  publish.add_flag("--pause-unfocused", options.pauseUnfocused)->needs(preview);
   publish.add_option("--duration", raw.duration)->check(validator(checkDuration));
   publish.add_option("--quality", options.quality)->check(CLI::Range(0, 4));
   publish.add_option("--size", raw.size)->check(validator(checkSize));
@@ -133,6 +121,49 @@ void addOptions(CLI::App& publish, PublishOptions& options, RawOptions& raw) {
 Farewell complaint(const std::string& reason) {
   std::string line = reason.substr(0, reason.find('\n'));
   return {usageError, "zellive: " + line + " (zellive --help tells more)\n"};
+}
+
+/// NAME may be left out: what follows then is the next option, the URL, or nothing.
+std::vector<std::string> withNames(std::vector<std::string> arguments) {
+  std::vector<std::string> whole;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const bool takesName = arguments[i] == "--camera" || arguments[i] == "--microphone";
+    const std::string following = i + 1 < arguments.size() ? arguments[i + 1] : "-";
+    whole.push_back(std::move(arguments[i]));
+    if (takesName && (following.starts_with('-') || looksLikeUrl(following))) {
+      whole.emplace_back();
+    }
+  }
+  return whole;
+}
+
+/// Fills in what the options leave as text. Empty, or what is wrong.
+std::string finish(const CLI::App& publish, const RawOptions& raw, PublishOptions& options) {
+  if (publish.count("--camera") > 0) {
+    options.camera = raw.camera;
+  }
+  if (publish.count("--microphone") > 0) {
+    options.microphone = raw.microphone;
+  }
+  if (options.input.empty() && !raw.testCard && !options.captures()) {
+    return "what to publish is missing: give --input FILE, --test-card, --camera or --microphone";
+  }
+  if (!raw.size.empty()) {
+    options.size = parseSize(raw.size);
+  }
+  if (!raw.bitRate.empty()) {
+    options.bitRate = parseBitRate(raw.bitRate);
+  }
+  if (raw.framesPerSecond > 0) {
+    options.framesPerSecond = raw.framesPerSecond;
+  }
+  if (raw.duration > 0) {
+    options.duration = std::chrono::duration<double>(raw.duration);
+  }
+  if (!raw.orientation.empty()) {
+    options.orientation = *orientationOf(raw.orientation);
+  }
+  return {};
 }
 
 }  // namespace
@@ -166,52 +197,49 @@ std::optional<PictureSize> parseSize(const std::string& text) {
   return fine(size.width) && fine(size.height) ? std::optional(size) : std::nullopt;
 }
 
-std::variant<PublishOptions, Farewell> parseCommandLine(std::vector<std::string> arguments) {
+std::variant<PublishOptions, DevicesOptions, Farewell> parseCommandLine(std::vector<std::string> arguments) {
   PublishOptions options;
+  DevicesOptions devicesOptions;
   RawOptions raw;
   CLI::App app;
   app.set_version_flag("--version", "zellive " ZELLIVE_VERSION);
   auto* publish = app.add_subcommand("publish");
   addOptions(*publish, options, raw);
+  auto* devices = app.add_subcommand("devices");
+  devices->add_flag("--json", devicesOptions.json);
   const std::string first = arguments.empty() ? std::string() : arguments.front();
   try {
+    arguments = withNames(std::move(arguments));
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
-    if (!publish->parsed()) {
-      return complaint(noCommand);
-    }
   } catch (const CLI::CallForHelp&) {
-    return Farewell{0, help};
+    return Farewell{0, helpText};
   } catch (const CLI::CallForVersion& version) {
     return Farewell{0, std::string(version.what()) + "\n"};
   } catch (const CLI::ExtrasError& error) {
     // A URL holds a key: none is repeated.
     const std::string text = error.what();
-    if (publish->parsed() && text.find("://") != std::string::npos) {
+    const bool repeatable = text.find("://") == std::string::npos;
+    if (publish->parsed() && !repeatable) {
       return complaint("there is one URL too many");
     }
-    if (!publish->parsed()) {
-      const bool repeatable = first.find("://") == std::string::npos;
-      return complaint((repeatable ? "unknown: " + first + "; " : std::string()) + noCommand);
+    if (!publish->parsed() && !devices->parsed()) {
+      return complaint((first.find("://") == std::string::npos ? "unknown: " + first + "; " : std::string()) +
+                       noCommand);
     }
-    return complaint(text);
+    return complaint(repeatable ? text : "zellive devices takes no URL");
   } catch (const CLI::ParseError& error) {
     return complaint(error.what());
   }
-  if (options.input.empty() && !raw.testCard) {
-    return complaint("what to publish is missing: give --input FILE or --test-card");
+  if (devices->parsed()) {
+    return publish->parsed() ? std::variant<PublishOptions, DevicesOptions, Farewell>(complaint(oneCommand))
+                             : devicesOptions;
   }
-  if (!raw.size.empty()) {
-    options.size = parseSize(raw.size);
+  if (!publish->parsed()) {
+    return complaint(noCommand);
   }
-  if (!raw.bitRate.empty()) {
-    options.bitRate = parseBitRate(raw.bitRate);
-  }
-  if (raw.framesPerSecond > 0) {
-    options.framesPerSecond = raw.framesPerSecond;
-  }
-  if (raw.duration > 0) {
-    options.duration = std::chrono::duration<double>(raw.duration);
+  if (const auto mistake = finish(*publish, raw, options); !mistake.empty()) {
+    return complaint(mistake);
   }
   return options;
 }

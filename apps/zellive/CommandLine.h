@@ -14,8 +14,15 @@ namespace zellive::tool {
 /// What `zellive publish` was asked to do. Empty fields mean "as the source or the quality says".
 struct PublishOptions {
   std::string url;
-  std::string input;  ///< A file; empty for the test card.
+  std::string input;  ///< A file; empty for the test card and for devices.
   bool loop = false;
+  std::optional<std::string> camera;      ///< Its name; empty for the machine's first.
+  std::optional<std::string> microphone;  ///< As above.
+  bool mirror = false;
+  std::int64_t orientation = 4;  ///< As ZelLiveVideoConfiguration has it; this one shows the picture as it comes.
+  bool preview = false;
+  std::string watermark;  ///< A PNG file; empty for none.
+  bool pauseUnfocused = false;
   std::uint64_t quality = 1;
   std::optional<PictureSize> size;
   std::optional<std::uint64_t> framesPerSecond;
@@ -29,6 +36,14 @@ struct PublishOptions {
   std::uint64_t reconnectCount = 3;
   bool json = false;
   bool verbose = false;
+
+  /// Whether devices are published, rather than media that is pushed.
+  [[nodiscard]] bool captures() const { return camera || microphone; }
+};
+
+/// What `zellive devices` was asked to do.
+struct DevicesOptions {
+  bool json = false;
 };
 
 /// Text to print and the status to end with: help, the version, or what is wrong with the command line.
@@ -38,7 +53,8 @@ struct Farewell {
 };
 
 /// Understands `arguments` (without the program's name). Prints nothing.
-[[nodiscard]] std::variant<PublishOptions, Farewell> parseCommandLine(std::vector<std::string> arguments);
+[[nodiscard]] std::variant<PublishOptions, DevicesOptions, Farewell> parseCommandLine(
+    std::vector<std::string> arguments);
 
 /// "1500000", "1500k" or "1.5M" as bits per second.
 [[nodiscard]] std::optional<std::uint64_t> parseBitRate(const std::string& text);

@@ -12,7 +12,28 @@ namespace {
 /// What people need not see: a connection's failure is told in plain words.
 bool isDetail(std::string_view message) {
   return message.starts_with("Live: RTMP_") || message.starts_with("Live: librtmp: ") ||
-         message.starts_with("Live: send packet error: ");
+         message.starts_with("Live: send packet error: ") || message.starts_with("Live: handleRouteChange ") ||
+         message.starts_with("Live: handleInterruption");
+}
+
+constexpr std::string_view pipeWire = "Live: PipeWire ";
+
+/// A camera or microphone that fails or is back, or the service that carries them. The library tells each such news
+/// once; a device that fails, recovers and fails again is news each time.
+std::optional<DeviceNews> deviceNews(LogLevel level, std::string_view message) {
+  bool isDevice = false;
+  for (const std::string_view start :
+       {std::string_view("Live: the camera \""), std::string_view("Live: the microphone"),
+        std::string_view("Live: there is no microphone"), pipeWire}) {
+    isDevice = isDevice || message.starts_with(start);
+  }
+  if (!isDevice) {
+    return std::nullopt;
+  }
+  if (message.ends_with(" again") && !message.ends_with("trying again") && !message.ends_with("tried again")) {
+    return DeviceNews::Back;
+  }
+  return level == LogLevel::Information ? std::nullopt : std::optional(DeviceNews::Trouble);
 }
 
 /// "Live: RTMP connect 1 , handshake 2": there is a connection. What fails later is news, even when it fails at once.
@@ -64,12 +85,16 @@ void LibraryLog::receive(LogLevel level, std::string_view message) {
   if (handOn(message)) {
     return;
   }
+  if (const auto news = deviceNews(level, message); news && (hasHardware_ || !message.starts_with(pipeWire))) {
+    output_->device(*news, message.substr(message.find(' ') + 1));
+    return;
+  }
   {
     const std::lock_guard lock(mutex_);
     if (tellsOfConnection(message)) {
       lastError_.clear();
       shown_.clear();
-    } else if (isDetail(message) || (level == LogLevel::Warning && !warnings_) ||
+    } else if (isDetail(message) || message.starts_with(pipeWire) || (level == LogLevel::Warning && !warnings_) ||
                (level == LogLevel::Error && isRepeated(message))) {
       level = LogLevel::Information;
     } else if (level == LogLevel::Error) {

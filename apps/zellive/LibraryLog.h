@@ -24,6 +24,8 @@ class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
   /// Installs itself as the handler, to the end of the process: the library may speak until then.
   void install();
 
+  /// No real device is in use: nobody needs to hear about the service that carries them. Before install().
+  void ignoreHardware() { hasHardware_ = false; }
   /// Warnings are shown from now on: while a stream begins, the library warns of what is only late.
   void showWarnings();
   [[nodiscard]] std::string lastError() const;
@@ -36,6 +38,7 @@ class LibraryLog : public std::enable_shared_from_this<LibraryLog> {
 
   const std::shared_ptr<Output> output_;
   const Note note_;
+  bool hasHardware_ = true;
   mutable std::mutex mutex_;
   bool warnings_ = false;
   std::string lastError_;

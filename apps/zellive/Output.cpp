@@ -208,6 +208,29 @@ void Output::trouble(const Trouble& trouble) {
   printLine(err_, "zellive: " + presentable(trouble.text));
 }
 
+void Output::device(DeviceNews news, std::string_view text) {
+  const std::lock_guard lock(mutex_);
+  const bool trouble = news == DeviceNews::Trouble;
+  if (form_ == Form::Json) {
+    printLine(
+        out_,
+        toLine({{"type", "trouble"}, {"kind", trouble ? "device" : "device_back"}, {"message", presentable(text)}}));
+  }
+  if (trouble || form_ != Form::Json) {
+    printLine(trouble ? err_ : out_, (trouble ? "zellive: " : "") + presentable(text));
+  }
+}
+
+void Output::background(bool inBackground) {
+  const std::lock_guard lock(mutex_);
+  if (form_ == Form::Json) {
+    printLine(out_, toLine({{"type", "background"}, {"background", inBackground}}));
+  } else {
+    printLine(out_, inBackground ? "in the background: viewers see a still picture and hear the sound"
+                                 : "in front again: the picture goes on");
+  }
+}
+
 void Output::recovered(std::chrono::duration<double> after, const StreamStatus& status) {
   const std::lock_guard lock(mutex_);
   if (form_ == Form::Json) {

@@ -25,6 +25,9 @@ struct StreamStatus {
   std::uint64_t encoderBitRate = 0;         ///< What the video encoder is set to, bits per second.
 };
 
+/// What is told of a camera or microphone.
+enum class DeviceNews { Trouble, Back };
+
 /// Everything that the program says. Status goes to one stream, complaints to another; where both are the same terminal
 /// the line that is updated in place stays whole. The stream's key never gets out. Thread-safe.
 class Output {
@@ -40,6 +43,9 @@ class Output {
   void stateChanged(std::uint64_t state, const StreamStatus& status);
   void error(std::uint64_t code, std::string_view text);
   void trouble(const Trouble& trouble);
+  void device(DeviceNews news, std::string_view text);
+  /// The program has gone to the background, or come back.
+  void background(bool inBackground);
   /// The stream is up again.
   void recovered(std::chrono::duration<double> after, const StreamStatus& status);
   /// A message of the library.

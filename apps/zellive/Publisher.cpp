@@ -10,18 +10,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// What may be sent in a burst after a stall.
-constexpr auto maximumLag = 200ms;
 constexpr auto statusInterval = 1s;
 constexpr auto stopLimit = 2s;
 constexpr auto drainLimit = 2s;
 /// Time for the encoder's last pictures to reach the send buffer.
 constexpr auto drainMinimum = 250ms;
-/// Blocks of sound: the send buffer keeps five frames back to sort them, the encoders one each.
-constexpr int tailLength = 8;
 constexpr int usageStatus = 2;
 /// Pictures that have not come out of the encoder after so long never will.
 constexpr auto encoderPatience = 2s;
+/// Devices that have begun to deliver by then need no mention.
+constexpr auto devicePatience = 5s;
 
 /// Failures are told on the threads where they happen, states on the main queue: by way of it all come in order.
 LibraryLog::Note inOrder(const std::shared_ptr<SessionEvents>& events) {
@@ -32,34 +30,32 @@ LibraryLog::Note inOrder(const std::shared_ptr<SessionEvents>& events) {
 
 }  // namespace
 
-Publisher::Publisher(const PublishOptions& options, MediaSource& source,
-                     std::shared_ptr<ZelLiveVideoConfiguration> video, std::shared_ptr<Output> output,
-                     std::shared_ptr<Waker> waker)
+Publisher::Publisher(const PublishOptions& options, Programme& programme, std::shared_ptr<AppState> appState,
+                     std::shared_ptr<Output> output, std::shared_ptr<Waker> waker)
     : options_(options),
-      source_(source),
-      video_(std::move(video)),
+      programme_(programme),
+      appState_(std::move(appState)),
       output_(std::move(output)),
       waker_(std::move(waker)),
       events_(std::make_shared<SessionEvents>(waker_)),
       log_(std::make_shared<LibraryLog>(output_, inOrder(events_))),
-      feed_(source_, *this, video_->videoFrameRate()),
-      pacer_(maximumLag),
       troubles_(maskedUrl(options_.url), options_.reconnectInterval, options_.reconnectCount) {
+  if (!programme_.usesHardware()) {
+    log_->ignoreHardware();
+  }
   log_->install();
 }
 
 Publisher::~Publisher() { stop(); }
 
-void Publisher::pushAudio(std::span<const std::uint8_t> pcm) { session_->pushAudio(pcm); }
-
-void Publisher::pushVideo(std::shared_ptr<PixelBuffer> picture) { session_->pushVideo(std::move(picture)); }
-
 int Publisher::run() {
   start();
   while (phase_ != Phase::Ended) {
     handleEvents();
+    followSignals();
     const auto now = Waker::now();
-    feed(now);
+    step(now);
+    sayWhatIsMissing(now);
     showStatus(now);
     if (phase_ != Phase::Ended) {
       waker_->sleepUntil(wakeTime(now));
@@ -84,13 +80,12 @@ void Publisher::start() {
   startTime_ = Waker::now();
   nextStatus_ = startTime_ + statusInterval;
   const auto audio = ZelLiveAudioConfiguration::defaultConfiguration();
-  session_ = ZelLiveSession::create(audio, video_, ZelLiveInputAudio | ZelLiveInputVideo);
+  session_ = ZelLiveSession::create(audio, programme_.video(), programme_.captureType());
   session_->setDelegate(events_);
   session_->setShowDebugInfo(true);
   session_->setAdaptiveBitRate(options_.adaptive);
   session_->setReconnectInterval(options_.reconnectInterval);
   session_->setReconnectCount(options_.reconnectCount);
-  session_->setInputVideoFrameRate(video_->videoFrameRate());
   session_->setVideoEncoderOptions({options_.encoder, options_.preset});
   if (options_.denoise > 0) {
     session_->setDenoiseLevel(options_.denoise);
@@ -98,7 +93,8 @@ void Publisher::start() {
   auto info = std::make_shared<ZelLiveStreamInfo>();
   info->setUrl(options_.url);
   info->audioConfiguration = audio;
-  info->videoConfiguration = video_;
+  info->videoConfiguration = programme_.video();
+  programme_.attach(session_);
   session_->startLive(std::move(info));
 }
 
@@ -174,7 +170,7 @@ void Publisher::handleState(std::uint64_t state) {
   if (state == ZelStreamSocketStatusConnected && phase_ == Phase::Waiting) {
     phase_ = Phase::Streaming;
     phaseStart_ = now;
-    pacer_.start(now);
+    programme_.begin(now);
   } else if (state == ZelStreamSocketStatusError && troubles_.hasFailed()) {
     output_->trouble(troubles_.givenUp());
     exitStatus_ = 1;
@@ -191,26 +187,9 @@ void Publisher::fail(std::uint64_t code, const std::string& reason) {
   phase_ = Phase::Ended;
 }
 
-/// One step at most, so that a machine that cannot keep up still hears signals and events.
-void Publisher::feed(Waker::Duration now) {
-  if (phase_ == Phase::Streaming && pacer_.due(feed_.next(), now) <= now) {
-    if (options_.duration && feed_.position() >= *options_.duration) {
-      endOfMedia();
-    } else if (!feed_.step()) {
-      if (const auto failure = source_.failure(); !failure.empty()) {
-        fail(0, failure);
-      } else if (feed_.pictures() < 2) {
-        fail(0, options_.input + " holds a single picture, which is over at once; --loop keeps it on");
-      } else {
-        endOfMedia();
-      }
-    }
-  } else if (phase_ == Phase::Tail && pacer_.due(feed_.position(), now) <= now) {
-    feed_.stepSilence();
-    if (++tailBlocks_ == tailLength) {
-      phase_ = Phase::Draining;
-      phaseStart_ = now;
-    }
+void Publisher::step(Waker::Duration now) {
+  if (phase_ == Phase::Streaming && !programme_.step(now)) {
+    endOfProgramme(now);
   } else if (phase_ == Phase::Draining && drained(now)) {
     phase_ = Phase::Ended;
     if (troubles_.isDown()) {
@@ -219,7 +198,30 @@ void Publisher::feed(Waker::Duration now) {
   }
 }
 
-void Publisher::endOfMedia() { phase_ = Phase::Tail; }
+void Publisher::endOfProgramme(Waker::Duration now) {
+  if (const auto failure = programme_.failure(); !failure.empty()) {
+    fail(0, failure);
+  } else {
+    phase_ = Phase::Draining;
+    phaseStart_ = now;
+  }
+}
+
+void Publisher::followSignals() {
+  if (const auto suspended = waker_->takeSuspension()) {
+    appState_->setSuspended(*suspended == Waker::Suspension::Toggle && !appState_->suspended());
+  }
+}
+
+/// A stream opens with its first picture and its first sound, so a device that delivers nothing holds it up.
+void Publisher::sayWhatIsMissing(Waker::Duration now) {
+  if (phase_ == Phase::Streaming && !saidWhatIsMissing_ && now - phaseStart_ > devicePatience) {
+    saidWhatIsMissing_ = true;
+    if (const auto missing = programme_.whatIsMissing(); !missing.empty() && !meter_.hasReport()) {
+      output_->device(DeviceNews::Trouble, missing);
+    }
+  }
+}
 
 bool Publisher::drained(Waker::Duration now) const {
   const auto time = now - phaseStart_;
@@ -236,9 +238,7 @@ void Publisher::showStatus(Waker::Duration now) {
 Waker::Duration Publisher::wakeTime(Waker::Duration now) {
   switch (phase_) {
     case Phase::Streaming:
-      return std::min(nextStatus_, pacer_.due(feed_.next(), now));
-    case Phase::Tail:
-      return std::min(nextStatus_, pacer_.due(feed_.position(), now));
+      return std::min(nextStatus_, programme_.nextStep(now));
     case Phase::Draining:
       return std::min<Waker::Duration>(nextStatus_, now + 50ms);
     default:
@@ -257,7 +257,7 @@ StreamStatus Publisher::status(Waker::Duration now) const {
   }
   status.queued = static_cast<std::int64_t>(bufferCount_);
   status.dropped +=
-      feed_.skipped() + static_cast<std::int64_t>(session_ ? session_->droppedPictures() : droppedBySession_);
+      programme_.skipped() + static_cast<std::int64_t>(session_ ? session_->droppedPictures() : droppedBySession_);
   status.encoderBitRate = session_ ? session_->videoBitRate() : 0;
   return status;
 }

@@ -17,6 +17,7 @@ class StatusMeter {
   /// Writes rates and the count of dropped frames into `status`; rates are not known at first and after an outage,
   /// and 0 when no report has come for a while.
   void read(StreamStatus& status, Duration now) const;
+  [[nodiscard]] bool hasReport() const { return hasReport_; }
   [[nodiscard]] bool hasRates() const { return hasRates_; }
 
  private:

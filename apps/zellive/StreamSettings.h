@@ -3,9 +3,11 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "apps/zellive/CommandLine.h"
 #include "apps/zellive/PictureSize.h"
+#include "zellive/platform/CaptureSession.h"
 #include "zellive/session/ZelLiveCaptureType.h"
 #include "zellive/session/ZelLiveVideoConfiguration.h"
 
@@ -22,5 +24,10 @@ inline constexpr std::int64_t captureType = ZelLiveInputAudio | ZelLiveInputVide
 [[nodiscard]] std::shared_ptr<ZelLiveVideoConfiguration> makeVideoConfiguration(const PublishOptions& options,
                                                                                 PictureSize sourceSize,
                                                                                 double sourceRate);
+
+/// What to stream a camera of these formats with: at the largest of the sizes up to the quality's that it has, so that
+/// nothing is stretched.
+[[nodiscard]] std::shared_ptr<ZelLiveVideoConfiguration> makeCameraConfiguration(
+    const PublishOptions& options, std::int64_t type, const std::vector<CaptureDeviceFormat>& formats);
 
 }  // namespace zellive::tool

@@ -16,18 +16,20 @@
 namespace zellive::tool {
 namespace {
 
-sigset_t endSignals() {
+sigset_t ownSignals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGTSTP);
+  sigaddset(&set, SIGCONT);
   return set;
 }
 
 }  // namespace
 
 Waker::Waker() {
-  const sigset_t set = endSignals();
+  const sigset_t set = ownSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   holdsSignals_ = true;
   wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -63,15 +65,27 @@ void Waker::sleepUntil(Duration time) {
     (void)!read(wakeFd_, &count, sizeof count);
   }
   if ((descriptors[1].revents & POLLIN) != 0) {
-    signalfd_siginfo information{};
-    endRequested_ = read(signalFd_, &information, sizeof information) > 0 || endRequested_;
+    takeSignals();
+  }
+}
+
+void Waker::takeSignals() {
+  signalfd_siginfo information{};
+  while (read(signalFd_, &information, sizeof information) > 0) {
+    if (information.ssi_signo == SIGTSTP) {
+      suspension_ = Suspension::Toggle;
+    } else if (information.ssi_signo == SIGCONT) {
+      suspension_ = Suspension::End;
+    } else {
+      endRequested_ = true;
+    }
   }
 }
 
 void Waker::releaseSignals() {
   if (holdsSignals_) {
     holdsSignals_ = false;
-    const sigset_t set = endSignals();
+    const sigset_t set = ownSignals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   }
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <utility>
 
 namespace zellive::tool {
 
@@ -9,8 +11,13 @@ class Waker {
  public:
   using Duration = std::chrono::nanoseconds;
 
-  /// Takes SIGINT and SIGTERM over. Make it before any other thread starts: those must not get the signals. Throws
-  /// std::system_error when the kernel has no descriptors left.
+  enum class Suspension {
+    Toggle,  ///< SIGTSTP, which Ctrl-Z sends.
+    End,     ///< SIGCONT.
+  };
+
+  /// Takes SIGINT, SIGTERM, SIGTSTP and SIGCONT over. Make it before any other thread starts: those must not get the
+  /// signals. Throws std::system_error when the kernel has no descriptors left.
   Waker();
   /// Gives the signals back.
   ~Waker();
@@ -25,14 +32,19 @@ class Waker {
   void sleepUntil(Duration time);
   /// SIGINT or SIGTERM has come.
   [[nodiscard]] bool endRequested() const { return endRequested_; }
+  /// The last such signal since the last call.
+  [[nodiscard]] std::optional<Suspension> takeSuspension() { return std::exchange(suspension_, std::nullopt); }
   /// From here on a signal ends the program at once: for an impatient second Ctrl-C.
   void releaseSignals();
 
  private:
+  void takeSignals();
+
   int wakeFd_ = -1;
   int signalFd_ = -1;
   bool endRequested_ = false;
   bool holdsSignals_ = false;
+  std::optional<Suspension> suspension_;
 };
 
 }  // namespace zellive::tool

@@ -7,11 +7,14 @@
 #include <variant>
 #include <vector>
 
+#include "apps/zellive/CapturedProgramme.h"
 #include "apps/zellive/ClipSource.h"
 #include "apps/zellive/CommandLine.h"
+#include "apps/zellive/DeviceList.h"
 #include "apps/zellive/EncoderTrial.h"
 #include "apps/zellive/Output.h"
 #include "apps/zellive/Publisher.h"
+#include "apps/zellive/PushedProgramme.h"
 #include "apps/zellive/StreamSettings.h"
 #include "apps/zellive/TestCardSource.h"
 
@@ -39,29 +42,58 @@ Output::Form formOf(const PublishOptions& options) {
   return isatty(STDOUT_FILENO) != 0 ? Output::Form::Terminal : Output::Form::Lines;
 }
 
-std::string announcement(const PublishOptions& options, const ZelLiveVideoConfiguration& video) {
+std::unique_ptr<Programme> openProgramme(const PublishOptions& options, std::shared_ptr<AppState> appState,
+                                         std::shared_ptr<Output> output, std::string& error) {
+  if (options.captures()) {
+    return CapturedProgramme::create(options, defaultPlatform(), std::move(appState), std::move(output), error);
+  }
+  auto source = openSource(options, error);
+  return source ? std::make_unique<PushedProgramme>(options, std::move(source)) : nullptr;
+}
+
+bool hasPictures(const Programme& programme) { return (programme.captureType() & ZelLiveAnyVideo) != 0; }
+
+std::string announcement(const PublishOptions& options, const Programme& programme) {
+  const std::string what = "publishing " + programme.name() + " to " + maskedUrl(options.url);
+  if (!hasPictures(programme)) {
+    return what + ": sound only";
+  }
+  const auto& video = *programme.video();
   const Size size = video.videoSize();
-  return "publishing " + (options.input.empty() ? std::string("the test card") : options.input) + " to " +
-         maskedUrl(options.url) + ": " + toText({static_cast<int>(size.width), static_cast<int>(size.height)}) + ", " +
+  return what + ": " + toText({static_cast<int>(size.width), static_cast<int>(size.height)}) + ", " +
          std::to_string(video.videoFrameRate()) + " fps, " + std::to_string(video.videoBitRate() / 1000) + " kbit/s";
 }
 
 int publish(const PublishOptions& options) {
+  // Before any thread starts that could get its signals.
+  const auto waker = std::make_shared<Waker>();
   auto output = std::make_shared<Output>(formOf(options), options.verbose, options.url);
+  const auto appState =
+      std::make_shared<AppState>(defaultPlatform()->notifications, [output](bool on) { output->background(on); });
   std::string error;
-  const auto source = openSource(options, error);
-  if (!source) {
+  const auto programme = openProgramme(options, appState, output, error);
+  if (!programme) {
     output->error(0, error);
     return failureStatus;
   }
-  auto video = makeVideoConfiguration(options, source->pictureSize(), source->frameRate());
-  if (const auto refusal = tryEncoder(options, *video); !refusal.empty()) {
+  if (const auto refusal = hasPictures(*programme) ? tryEncoder(options, *programme->video()) : std::string();
+      !refusal.empty()) {
     output->error(0, refusal);
     return options.encoder.empty() && options.preset.empty() ? failureStatus : usageStatus;
   }
-  output->note(announcement(options, *video));
-  Publisher publisher(options, *source, std::move(video), output, std::make_shared<Waker>());
+  output->note(announcement(options, *programme));
+  Publisher publisher(options, *programme, appState, output, waker);
   return publisher.run();
+}
+
+int listDevices(const DevicesOptions& options) {
+  std::string remark;
+  const auto list = deviceList(*defaultPlatform(), options.json, remark);
+  std::fputs(list.c_str(), stdout);
+  if (!remark.empty()) {
+    std::fprintf(stderr, "zellive: %s\n", remark.c_str());
+  }
+  return 0;
 }
 
 }  // namespace
@@ -74,6 +106,9 @@ int main(int argc, char** argv) {
     if (const auto* farewell = std::get_if<Farewell>(&parsed)) {
       std::fputs(farewell->text.c_str(), farewell->status == 0 ? stdout : stderr);
       return farewell->status;
+    }
+    if (const auto* devices = std::get_if<DevicesOptions>(&parsed)) {
+      return listDevices(*devices);
     }
     return publish(std::get<PublishOptions>(parsed));
   } catch (const std::exception& exception) {

@@ -11,7 +11,7 @@
 namespace zellive::tool {
 namespace {
 
-std::variant<PublishOptions, Farewell> parse(const std::string& line) {
+std::variant<PublishOptions, DevicesOptions, Farewell> parse(const std::string& line) {
   std::istringstream words(line);
   return parseCommandLine({std::istream_iterator<std::string>(words), {}});
 }
@@ -28,6 +28,31 @@ TEST(CommandLineTest, TakesEveryOption) {
   EXPECT_EQ(o.size, (PictureSize{640, 360}));
   EXPECT_EQ(o.duration, std::chrono::milliseconds(1500));
   EXPECT_TRUE(o.loop && o.adaptive && o.json && o.verbose);
+}
+
+TEST(CommandLineTest, NamesOfDevicesMayBeLeftOut) {
+  using Names = std::pair<std::optional<std::string>, std::optional<std::string>>;
+  const std::pair<const char*, Names> cases[] = {
+      {"publish rtmp://h/a/k --camera", {"", std::nullopt}},
+      {"publish --camera rtmp://h/a/k", {"", std::nullopt}},
+      {"publish rtmp://h/a/k --camera --microphone", {"", ""}},
+      {"publish rtmp://h/a/k --microphone Desk --camera=Front", {"Front", "Desk"}},
+      {"publish --microphone --camera clip:f rtmp://h/a/k", {"clip:f", ""}},
+  };
+  for (const auto& [line, names] : cases) {
+    const auto parsed = parse(line);
+    ASSERT_TRUE(std::holds_alternative<PublishOptions>(parsed)) << std::get<Farewell>(parsed).text;
+    const auto& o = std::get<PublishOptions>(parsed);
+    EXPECT_EQ(Names(o.camera, o.microphone), names) << line;
+    EXPECT_EQ(o.url, "rtmp://h/a/k") << line;
+  }
+  const auto parsed = parse(
+      "publish rtmp://h/a/k --camera --mirror --orientation upside-down --preview --watermark w.png --pause-unfocused");
+  ASSERT_TRUE(std::holds_alternative<PublishOptions>(parsed)) << std::get<Farewell>(parsed).text;
+  const auto& o = std::get<PublishOptions>(parsed);
+  EXPECT_EQ(std::tie(o.orientation, o.watermark), std::tuple(2, "w.png"));
+  EXPECT_TRUE(o.mirror && o.preview && o.pauseUnfocused);
+  EXPECT_TRUE(std::get<DevicesOptions>(parse("devices --json")).json);
 }
 
 /// One line that names `part`, and status 2.
@@ -47,7 +72,14 @@ TEST(CommandLineTest, AnswersWrongLinesWithOneLineAndStatusTwo) {
   expectMistake("publish http://h/a/k --test-card", "rtmp://");
   expectMistake("publish rtmp://h/a --test-card", "STREAM");
   const std::string good = "publish rtmp://host/app/key ";
-  expectMistake(good, "--input FILE or --test-card");
+  expectMistake(good, "--input FILE, --test-card, --camera or --microphone");
+  expectMistake(good + "--camera --input a", "--input");
+  expectMistake(good + "--microphone --test-card", "--test-card");
+  expectMistake(good + "--microphone --mirror", "--camera");
+  expectMistake(good + "--camera --watermark a.png", "--preview");
+  expectMistake(good + "--camera --orientation sideways", "landscape-left");
+  expectMistake("devices rtmp://h/a/secret", "no URL");
+  expectMistake("devices --loud", "--loud");
   expectMistake(good + "--input a --test-card", "--test-card");
   expectMistake(good + "--test-card --loop", "--input");
   expectMistake(good + "--test-card --size 641x360", "even");

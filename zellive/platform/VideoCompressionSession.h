@@ -77,6 +77,7 @@ class VideoCompressionSession {
 struct VideoEncoderDescription {
   std::string name;
   bool hardware = false;
+  std::vector<std::string> presets;  ///< Those that can be listed.
 };
 
 /// Makes compression sessions. Thread-safe.

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cerrno>
+#include <iterator>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include "zellive/platform/Log.h"
@@ -80,7 +82,8 @@ class FfmpegVideoCompression final : public VideoCompressionService {
     std::vector<VideoEncoderDescription> working;
     for (const VideoEncoderKind& kind : videoEncoderKinds()) {
       if (probe(kind) == 0) {
-        working.push_back({kind.name, kind.hardware});
+        std::istringstream presets(kind.presets != nullptr ? kind.presets : "");
+        working.push_back({kind.name, kind.hardware, {std::istream_iterator<std::string>(presets), {}}});
       }
     }
     return working;
