@@ -27,9 +27,31 @@ struct FlvTag {
 /// when the file breaks the format anywhere.
 class FlvFile {
  public:
-  explicit FlvFile(const std::string& path) {
+  enum class Reading {
+    Whole,
+    AsFarAsItGoes,  ///< Of a file that is still being written.
+  };
+  explicit FlvFile(const std::string& path, Reading reading = Reading::Whole) {
     const auto contents = contentsOf(path);
     left_ = {reinterpret_cast<const std::uint8_t*>(contents.data()), contents.size()};
+    try {
+      read();
+    } catch (const std::runtime_error&) {
+      if (reading == Reading::Whole) {
+        throw;
+      }
+    }
+  }
+
+  [[nodiscard]] const std::vector<FlvTag>& tags() const { return tags_; }
+  [[nodiscard]] std::vector<FlvTag> mediaTags(FlvTag::Type type) const {
+    auto found = tags_;
+    std::erase_if(found, [type](const FlvTag& tag) { return tag.type != type || !tag.isMedia(); });
+    return found;
+  }
+
+ private:
+  void read() {
     require(number(3) == 0x464C56, "this is no FLV file");
     take(2);
     take(number(4) - 9);
@@ -45,15 +67,6 @@ class FlvFile {
       require(number(4) == size + 11, "a tag's length differs from the one behind it");
     }
   }
-
-  [[nodiscard]] const std::vector<FlvTag>& tags() const { return tags_; }
-  [[nodiscard]] std::vector<FlvTag> mediaTags(FlvTag::Type type) const {
-    auto found = tags_;
-    std::erase_if(found, [type](const FlvTag& tag) { return tag.type != type || !tag.isMedia(); });
-    return found;
-  }
-
- private:
   static void require(bool holds, const char* otherwise) {
     if (!holds) {
       throw std::runtime_error(otherwise);
