@@ -98,35 +98,5 @@ TEST(Context, ExtensionsAreWholeNames) {
   EXPECT_FALSE(GPUImageContext::deviceSupportsOpenGLESExtension(""));
 }
 
-TEST(Context, MemoryReportNamesItsTag) {
-  const LogCapture log;
-  reportAvailableMemoryForGPUImage(nullptr);
-  reportAvailableMemoryForGPUImage("frame");
-  EXPECT_EQ(log.count("Default - Memory used: "), 1U);
-  EXPECT_EQ(log.count("frame - Memory used: "), 1U);
-}
-
-TEST(Program, AttributesAreNumberedInTheOrderOfTheirAddition) {
-  onQueue([] {
-    GPUImageContext::useImageProcessingContext();
-    GLProgram program(kTwoInputVertexShaderString, kAlphaBlendFragmentShaderString);
-    // Not the order in which the shader declares them.
-    for (const char* name : {"inputTextureCoordinate2", "position", "inputTextureCoordinate2"}) {
-      program.addAttribute(name);
-    }
-    EXPECT_EQ(program.attributeIndex("position"), 1U);
-    EXPECT_EQ(program.attributeIndex("nothing"), GLProgram::kNotFound);
-    ASSERT_TRUE(program.link());
-    EXPECT_TRUE(program.initialized());
-    EXPECT_GE(program.uniformIndex("mixturePercent"), 0);
-    EXPECT_EQ(program.uniformIndex("nothing"), -1);
-    program.use();
-    GLint name = 0;
-    glGetIntegerv(GL_CURRENT_PROGRAM, &name);
-    EXPECT_EQ(glGetAttribLocation(static_cast<GLuint>(name), "inputTextureCoordinate2"), 0);
-    GPUImageContext::setActiveShaderProgram(nullptr);
-  });
-}
-
 }  // namespace
 }  // namespace zellive::test

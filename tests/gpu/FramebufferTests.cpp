@@ -29,13 +29,6 @@ void memoryWarning() {
   onQueue([] {});
 }
 
-TEST(FramebufferCache, KeysNameSizeOptionsAndKind) {
-  EXPECT_EQ(GPUImageFramebufferCache::hashForSize({1280, 720}, {}, false),
-            "1280.0x720.0-9729:9729:33071:33071:6408:32993:5121");
-  EXPECT_EQ(GPUImageFramebufferCache::hashForSize({0.25, 99.96}, {.minFilter = 9728}, true),
-            "0.2x100.0-9728:9729:33071:33071:6408:32993:5121-NOFB");
-}
-
 TEST(FramebufferCache, LastReturnedIsFirstFetchedAndKindsStayApart) {
   const auto first = fetch(33, 20);
   const auto second = fetch(33, 20);
@@ -70,14 +63,6 @@ TEST(FramebufferCache, MemoryWarningForgetsWhatNobodyHolds) {
   EXPECT_TRUE(matches(held->pixelBuffer(), 40, 30, 0, plainRed(255)));
   held->unlock();
   EXPECT_EQ(fetch(40, 30), held);
-}
-
-TEST(Framebuffer, OverReleaseWrapsAndIsNeverCached) {
-  const auto framebuffer = fetch(8, 8);
-  framebuffer->clearAllLocks();
-  framebuffer->unlock();
-  EXPECT_EQ(framebuffer->framebufferReferenceCount(), std::numeric_limits<std::uint64_t>::max());
-  EXPECT_NE(fetch(8, 8), framebuffer);
 }
 
 TEST(Framebuffer, BytesAreReadOncePerDrawingAndOnlyWhenAskedFor) {

@@ -80,44 +80,6 @@ TEST(Golden, AlphaBlendAtSeveralMixes) {
   }
 }
 
-struct PictureShape {
-  PixelFormat format;
-  std::size_t width, height;
-};
-void PrintTo(const PictureShape& shape, std::ostream* stream) { *stream << shape.width << " x " << shape.height; }
-
-class EveryShape : public testing::TestWithParam<PictureShape> {};
-INSTANTIATE_TEST_SUITE_P(Yuv, EveryShape,
-                         testing::Values(PictureShape{PixelFormat::BiPlanarFullRange, 64, 36},
-                                         PictureShape{PixelFormat::BiPlanarFullRange, 62, 36},
-                                         PictureShape{PixelFormat::BiPlanarFullRange, 63, 35},
-                                         PictureShape{PixelFormat::BiPlanarVideoRange, 34, 18}));
-
-TEST_P(EveryShape, YuvBecomesRgb) {
-  const auto& [format, width, height] = GetParam();
-  const auto picture = samplePicture(format, width, height);
-  const auto source = std::make_shared<PictureSource>();
-  const auto filter = ZelLiveGPUImageEmptyFilter::create();
-  source->addTarget(filter);
-  // BT.601 as published, not as the shader has it.
-  const bool full = format == PixelFormat::BiPlanarFullRange;
-  const double scale = full ? 1 : 255.0 / 219;
-  const double chromaScale = full ? 1 : 255.0 / 224;
-  // The chroma texture holds whole pairs of pixels only.
-  auto chroma = picture->plane(1);
-  chroma.width = width / 2;
-  chroma.height = height / 2;
-  EXPECT_TRUE(matches(rendered(*source, *filter, *picture), width, height, 4, [&](std::size_t x, std::size_t y) {
-    const double s = (static_cast<double>(x) + 0.5) / static_cast<double>(width);
-    const double t = (static_cast<double>(y) + 0.5) / static_cast<double>(height);
-    const double luma = (sampleLinear(picture->plane(0), 1, s, t)[0] - (full ? 0 : 16)) * scale;
-    const auto pair = sampleLinear(chroma, 2, s, t);
-    const double cb = (pair[0] - 127.5) * chromaScale;
-    const double cr = (pair[1] - 127.5) * chromaScale;
-    return Color{luma + 1.772 * cb, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.402 * cr, 255};
-  }));
-}
-
 /// A pass that hands its input on must show what a pass that draws would.
 TEST(Golden, CopiesAreExactDrawnOrNot) {
   for (const auto& [width, height] : {std::pair{1, 1}, {3, 5}, {17, 9}, {640, 359}, {1280, 720}}) {

@@ -8,6 +8,8 @@
 #include <new>
 #include <utility>
 
+#include "tests/support/AlteredQueues.h"
+
 namespace {
 
 std::atomic<std::uint64_t> glObjects = 0;
@@ -78,39 +80,6 @@ Counts counted() { return {glObjects, textureStorages, draws, reads, allocations
 
 namespace {
 
-/// Runs what is due later at once.
-class ImpatientQueue : public Queue {
- public:
-  explicit ImpatientQueue(std::shared_ptr<Queue> queue) : queue_(std::move(queue)) {}
-  void async(Task task) override { queue_->async(std::move(task)); }
-  std::shared_ptr<DelayedWork> after(std::chrono::nanoseconds delay, Task task) override {
-    struct Done : DelayedWork {
-      void cancel() override {}
-    };
-    GpuPlatform::lastLimit = delay;
-    task();
-    return std::make_shared<Done>();
-  }
-  std::unique_ptr<ReadWatch> whenReadable(int, Task) override { return nullptr; }
-  [[nodiscard]] bool isCurrent() const override { return queue_->isCurrent(); }
-  [[nodiscard]] const std::string& label() const override { return queue_->label(); }
-
- private:
-  const std::shared_ptr<Queue> queue_;
-};
-
-class ImpatientQueues : public QueueService {
- public:
-  std::shared_ptr<Queue> makeSerialQueue(std::string label) override {
-    return defaultPlatform()->queues->makeSerialQueue(std::move(label));
-  }
-  std::shared_ptr<Queue> mainQueue() override { return defaultPlatform()->queues->mainQueue(); }
-  std::shared_ptr<Queue> globalQueue() override { return global_; }
-
- private:
-  const std::shared_ptr<Queue> global_ = std::make_shared<ImpatientQueue>(defaultPlatform()->queues->globalQueue());
-};
-
 class LosableContext : public GraphicsContext {
  public:
   explicit LosableContext(std::shared_ptr<GraphicsContext> context) : context_(std::move(context)) {}
@@ -142,7 +111,10 @@ class GpuEnvironment : public testing::Environment {
  public:
   void SetUp() override {
     auto platform = std::make_shared<Platform>(*defaultPlatform());
-    platform->queues = std::make_shared<ImpatientQueues>();
+    platform->queues = std::make_shared<AlteredQueues>([](const std::string&, std::chrono::nanoseconds delay) {
+      GpuPlatform::lastLimit = delay;
+      return std::chrono::nanoseconds(0);
+    });
     platform->graphics = std::make_shared<LosableGraphics>();
     ASSERT_TRUE(GPUImageContext::setSharedPlatform(std::move(platform)));
   }

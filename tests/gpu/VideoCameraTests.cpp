@@ -37,11 +37,16 @@ class VideoCamera : public testing::Test {
     return sink->last ? sink->last->pixelBuffer() : nullptr;
   }
   testing::AssertionResult showsPicture(const Turn& turn, const Matrix& m) {
-    const Size size = turn.swaps ? Size{36, 64} : Size{64, 36};
-    return matches(frameOf(picture), turn.swaps ? 36 : 64, turn.swaps ? 64 : 36, 2.5, [&](auto x, auto y) {
+    const auto width = turn.swaps ? picture->height() : picture->width();
+    const auto height = turn.swaps ? picture->width() : picture->height();
+    const Size size{static_cast<double>(width), static_cast<double>(height)};
+    auto pairs = picture->plane(1);  // Whole ones only.
+    pairs.width = picture->width() / 2;
+    pairs.height = picture->height() / 2;
+    return matches(frameOf(picture), width, height, 2.5, [&](auto x, auto y) {
       const auto at = turn.source(x, y, size);
       const double luma = (sampleLinear(picture->plane(0), 1, at.x, at.y)[0] - m.black) * m.luma;
-      const auto pair = sampleLinear(picture->plane(1), 2, at.x, at.y);
+      const auto pair = sampleLinear(pairs, 2, at.x, at.y);
       const double cb = pair[0] - 127.5;
       const double cr = pair[1] - 127.5;
       return Color{luma + m.cbBlue * cb, luma + m.cbGreen * cb + m.crGreen * cr, luma + m.crRed * cr, 255};
@@ -50,7 +55,7 @@ class VideoCamera : public testing::Test {
 
   const std::shared_ptr<FakeCameras> cameras = std::make_shared<FakeCameras>();
   const std::shared_ptr<Recorder> sink = std::make_shared<Recorder>();
-  const std::shared_ptr<PixelBuffer> picture = samplePicture(PixelFormat::BiPlanarFullRange, 64, 36);
+  std::shared_ptr<PixelBuffer> picture = samplePicture(PixelFormat::BiPlanarFullRange, 64, 36);
   std::shared_ptr<GPUImageVideoCamera> camera;
 };
 
@@ -73,6 +78,15 @@ TEST_F(VideoCamera, TurnsAndMirrorsByPositionAndOrientation) {
       EXPECT_EQ(sink->size, (turn.swaps ? Size{36, 64} : Size{64, 36}));
       EXPECT_EQ(sink->turn, kGPUImageTurnNone);
     }
+  }
+}
+
+TEST_F(VideoCamera, PicturesOfOddSizesAreShownWhole) {
+  for (const auto& [width, height] : {std::pair{62U, 36U}, {63U, 35U}}) {
+    cameras->next = std::make_shared<FakeCaptureSession>();
+    picture = samplePicture(PixelFormat::BiPlanarFullRange, width, height);
+    make();
+    EXPECT_TRUE(showsPicture(kTurns[0], k601Full)) << width;
   }
 }
 
