@@ -74,29 +74,5 @@ TEST(Context, ContextsOfOneShareGroupKnowEachOthersTextures) {
   }
 }
 
-TEST(Context, SizesKeepTheirShapeWithinTheTextureLimit) {
-  const double m = GPUImageContext::maximumTextureSizeForThisDevice();
-  ASSERT_GE(m, 2048);
-  struct Case {
-    Size given, fits;
-  };
-  for (const auto& [given, fits] : {Case{{m - 1, 100}, {m - 1, 100}}, Case{{2 * m, m}, {m, m / 2}},
-                                    Case{{m, 2 * m}, {m / 2, m}}, Case{{m, m}, {m, m}}, Case{{m, 3}, {m, 3}}}) {
-    EXPECT_EQ(GPUImageContext::sizeThatFitsWithinATextureForSize(given), fits) << given.width << " x " << given.height;
-  }
-}
-
-TEST(Context, ExtensionsAreWholeNames) {
-  std::string first;
-  onQueue([&] {
-    GPUImageContext::useImageProcessingContext();
-    const std::string all = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
-    first = all.substr(0, all.find(' '));
-  });
-  EXPECT_TRUE(GPUImageContext::deviceSupportsOpenGLESExtension(first));
-  EXPECT_FALSE(GPUImageContext::deviceSupportsOpenGLESExtension(first.substr(0, first.size() - 1)));
-  EXPECT_FALSE(GPUImageContext::deviceSupportsOpenGLESExtension(""));
-}
-
 }  // namespace
 }  // namespace zellive::test

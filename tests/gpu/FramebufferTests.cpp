@@ -119,24 +119,6 @@ TEST(Framebuffer, ImagesLendItAndGiveItBack) {
   EXPECT_EQ(fetch(21, 5).get(), address);
 }
 
-TEST(Framebuffer, ImpossibleSizesAreLoggedAndSwallowDrawing) {
-  const double beyond = GPUImageContext::maximumTextureSizeForThisDevice() + 1;
-  for (const Size size : {Size{0, 0}, Size{0, 10}, Size{-5, 10}, Size{beyond, 2}, Size{1e300, 1e300},
-                          Size{std::numeric_limits<double>::quiet_NaN(), 4}}) {
-    const LogCapture log;
-    const auto framebuffer = fetch(size.width, size.height);
-    EXPECT_EQ(log.count("FBO size: "), 1U) << size.width << " x " << size.height;
-    fill(*framebuffer, 1);
-    EXPECT_FALSE(framebuffer->pixelBuffer());
-    EXPECT_EQ(framebuffer->byteBuffer(), nullptr);
-    EXPECT_FALSE(framebuffer->newCGImageFromFramebufferContents());
-  }
-  // A format that no driver draws into.
-  const auto grey = GPUImageFramebuffer::create({8, 8}, {.internalFormat = GL_LUMINANCE, .format = GL_LUMINANCE});
-  fill(*grey, 1);
-  EXPECT_FALSE(grey->pixelBuffer());
-}
-
 TEST(TextureCache, RefusesWhatItCannotMakeAndKeepsWhatIsUsed) {
   onQueue([] {
     auto& context = GPUImageContext::sharedImageProcessingContext();

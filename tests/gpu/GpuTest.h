@@ -54,7 +54,6 @@ class Recorder : public GPUImageInput {
     }
   }
   void setInputFramebuffer(std::shared_ptr<GPUImageFramebuffer> framebuffer, std::size_t) override {
-    ++framebuffers;
     last = std::move(framebuffer);
     if (last) {
       last->lock();
@@ -72,7 +71,6 @@ class Recorder : public GPUImageInput {
 
   std::vector<std::int64_t> times;
   std::shared_ptr<GPUImageFramebuffer> last;
-  int framebuffers = 0;
   int ends = 0;
   Size size;
   GPUImageInputTurn turn = kGPUImageTurnNone;

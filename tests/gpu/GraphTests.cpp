@@ -47,21 +47,6 @@ TEST_F(Graph, TargetsAreAddedOnceAndToldWhenTheyLeave) {
   EXPECT_TRUE(filter->targets().empty());
 }
 
-TEST_F(Graph, SparedTargetGetsNoFrames) {
-  const auto filter = GPUImageFilter::create();
-  const auto spared = std::make_shared<Recorder>(true);
-  filter->addTarget(spared);
-  connect(filter);
-  EXPECT_EQ(filter->targetToIgnoreForUpdates(), spared);
-  EXPECT_EQ(spared->framebuffers, 1) << "the present framebuffer, though there is none yet";
-  send();
-  EXPECT_EQ(spared->framebuffers, 1);
-  EXPECT_TRUE(spared->times.empty());
-  EXPECT_EQ(sink_->times.size(), 1U);
-  filter->removeTarget(spared);
-  EXPECT_FALSE(filter->targetToIgnoreForUpdates());
-}
-
 TEST_F(Graph, FramesGoRoundTheCacheWithBalancedLocks) {
   const auto filter = GPUImageFilter::createWithFragmentShader(kUniformColor);
   connect(filter);
@@ -232,14 +217,6 @@ TEST_F(TwoInputs, EachInputTurnsByItself) {
   const auto& plane = picture_->plane(0);
   const auto* const below = plane.base + 17 * plane.bytesPerRow;
   EXPECT_EQ(corner, (Pixel{below[0], plane.base[1], plane.base[2], below[3]}));
-}
-
-TEST_F(TwoInputs, SlotsStartAgainWhenTheFirstSourceLeaves) {
-  EXPECT_EQ(filter_->nextAvailableTextureIndex(), 1U);
-  second_->removeTarget(filter_);
-  EXPECT_EQ(filter_->nextAvailableTextureIndex(), 1U);
-  source_->removeTarget(filter_);
-  EXPECT_EQ(filter_->nextAvailableTextureIndex(), 0U);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 #include "tests/gpu/Golden.h"
@@ -68,17 +69,22 @@ TEST_F(Robustness, FramesOfImpossibleSizesPass) {
   const LogCapture log;
   const auto filter = GPUImageFilter::createWithFragmentShader(kReadsInput);
   connect(filter);
-  const double beyond = GPUImageContext::maximumTextureSizeForThisDevice() + 1;
-  for (const Size size : {Size{beyond, 4}, Size{0.5, 4}, Size{-1, -1}}) {
+  const double most = GPUImageContext::maximumTextureSizeForThisDevice();
+  EXPECT_EQ(GPUImageContext::sizeThatFitsWithinATextureForSize({2 * most, most}), (Size{most, most / 2}));
+  EXPECT_EQ(GPUImageContext::sizeThatFitsWithinATextureForSize({most, 3}), (Size{most, 3}));
+  const Size sizes[] = {{most + 1, 4}, {0.5, 4}, {-1, -1}, {1e300, 1e300}, {std::nan(""), 4}};
+  for (const Size size : sizes) {
     filter->forceProcessingAtSize(size);
     send();
     EXPECT_FALSE(sink_->last->pixelBuffer());
+    EXPECT_EQ(sink_->last->byteBuffer(), nullptr);
+    EXPECT_FALSE(sink_->last->newCGImageFromFramebufferContents());
   }
-  EXPECT_EQ(log.count("FBO size: "), 3U);
+  EXPECT_EQ(log.count("FBO size: "), std::size(sizes));
   filter->forceProcessingAtSize({});
   send();
   EXPECT_TRUE(sink_->last->pixelBuffer());
-  EXPECT_EQ(sink_->times.size(), 4U);
+  EXPECT_EQ(sink_->times.size(), std::size(sizes) + 1);
 }
 
 TEST_F(Robustness, FiltersComeAndGoWhileFramesFly) {
