@@ -87,22 +87,6 @@ TEST(Framebuffer, BytesAreReadOncePerDrawingAndOnlyWhenAskedFor) {
   EXPECT_TRUE(matches(picture, 50, 7, 0, plainRed(255)));
 }
 
-TEST(Framebuffer, ReadingLocksNestAndHoldTheirBytes) {
-  const auto framebuffer = fetch(9, 9);
-  fill(*framebuffer, 1);
-  framebuffer->lockForReading();
-  framebuffer->lockForReading();
-  framebuffer->unlockAfterReading();
-  EXPECT_EQ(framebuffer->readLockCount(), 1U);
-  const auto* const bytes = framebuffer->byteBuffer();
-  fill(*framebuffer, 0);
-  EXPECT_TRUE(matches(framebuffer->pixelBuffer(), 9, 9, 0, plainRed(0)));
-  EXPECT_EQ(bytes[2], 255);
-  framebuffer->unlockAfterReading();
-  framebuffer->unlockAfterReading();
-  EXPECT_EQ(framebuffer->readLockCount(), 0U);
-}
-
 TEST(Framebuffer, ImagesLendItAndGiveItBack) {
   auto framebuffer = fetch(21, 5);
   fill(*framebuffer, 1);
