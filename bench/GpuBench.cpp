@@ -10,12 +10,12 @@
 
 #include "bench/SampleFrames.h"
 #include "tests/support/FakeCameras.h"
-#include "tests/support/PictureSource.h"
 #include "zellive/capture/ZelLivePixelBufferFitSizeFilter.h"
 #include "zellive/capture/ZelLiveVideoCapture.h"
 #include "zellive/gpu/GPUImageAlphaBlendFilter.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFramebufferCache.h"
+#include "zellive/gpu/GPUImageVideoCamera.h"
 #include "zellive/gpu/GPUImageView.h"
 #include "zellive/platform/Drawing.h"
 #include "zellive/platform/ImageView.h"
@@ -91,8 +91,8 @@ BENCHMARK(gpuUploadBGRA)->Apply(sizes);
 
 void gpuUploadAndConvertNV12(benchmark::State& state) {
   const auto picture = noisePicture(PixelFormat::BiPlanarFullRange, sizeOf(state));
-  const auto source = std::make_shared<test::PictureSource>();
-  measure(state, [&] { source->push(*picture, MediaTime::make(0, 1)); });
+  const auto camera = test::fakeVideoCamera(PixelFormat::BiPlanarFullRange);
+  measure(state, [&] { camera->processVideoSampleBuffer({picture, MediaTime::make(0, 1)}); });
 }
 BENCHMARK(gpuUploadAndConvertNV12)->Apply(sizes);
 

@@ -5,9 +5,10 @@
 #include <cstring>
 #include <memory>
 
-#include "tests/support/PictureSource.h"
+#include "tests/support/FakeCameras.h"
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/gpu/GPUImageFilter.h"
+#include "zellive/gpu/GPUImageVideoCamera.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ int main(int argc, char** argv) {
   const auto makeFilter = [drawn = std::strcmp(argv[4], "drawn") == 0] {
     return drawn ? GPUImageFilter::createWithFragmentShader(kIdentity) : GPUImageFilter::create();
   };
-  const auto source = std::make_shared<test::PictureSource>();
+  const auto source = test::fakeVideoCamera(PixelFormat::BiPlanarVideoRange);
   const auto first = makeFilter();
   const auto second = makeFilter();
   source->addTarget(first);
@@ -46,7 +47,9 @@ int main(int argc, char** argv) {
     read += output.framebufferForOutput()->pixelBuffer() != nullptr ? 1 : 0;
   });
   for (long frame = 0; frame < frames; ++frame) {
-    source->send(*picture, MediaTime::make(frame, 30));
+    runSynchronouslyOnVideoProcessingQueue([&] {
+      source->processVideoSampleBuffer({picture, MediaTime::make(frame, 30)});
+    });
   }
   if (read != frames) {
     std::fprintf(stderr, "%ld of %ld pictures came out\n", read, frames);

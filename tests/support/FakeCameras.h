@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "zellive/gpu/GPUImageVideoCamera.h"
 #include "zellive/platform/CaptureSession.h"
 
 namespace zellive::test {
@@ -105,5 +106,14 @@ struct FakeCameras : CameraService {
   std::shared_ptr<FakeCaptureSession> next = std::make_shared<FakeCaptureSession>();
   std::shared_ptr<FakeCaptureSession> session = next;
 };
+
+/// A video camera over a camera that gives one format. It is given pictures by its processVideoSampleBuffer().
+inline std::shared_ptr<GPUImageVideoCamera> fakeVideoCamera(PixelFormat format) {
+  const auto cameras = std::make_shared<FakeCameras>();
+  cameras->next->formats = {format};
+  auto platform = std::make_shared<Platform>(*defaultPlatform());
+  platform->cameras = cameras;
+  return GPUImageVideoCamera::create("AVCaptureSessionPreset1280x720", CaptureDevicePositionBack, platform);
+}
 
 }  // namespace zellive::test

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "zellive/gpu/GLProgram.h"
@@ -7,10 +8,9 @@
 
 namespace zellive::test {
 
-/// Puts pictures into the graph: BGRA as they are, '420f' and '420v' converted by BT.601.
+/// Draws BGRA pictures into the graph.
 class PictureSource : public GPUImageOutput {
  public:
-  PictureSource() = default;
   /// The turn that its targets are told to make.
   GPUImageInputTurn turn = kGPUImageTurnNone;
   /// Video-processing queue.
@@ -19,18 +19,8 @@ class PictureSource : public GPUImageOutput {
   void send(const PixelBuffer& picture, MediaTime time = MediaTime::make(0, 1));
 
  private:
-  struct Pass {
-    std::shared_ptr<GLProgram> program;
-    std::int32_t first = -1;
-    std::int32_t second = -1;
-    std::int32_t matrix = -1;
-  };
-  Pass& passFor(PixelFormat format);
-  void draw(const PixelBuffer& picture);
-
-  Pass plain_;
-  Pass fullRange_;
-  Pass videoRange_;
+  std::shared_ptr<GLProgram> program_;
+  std::int32_t texture_ = -1;
 };
 
 }  // namespace zellive::test
