@@ -31,7 +31,8 @@ class Broadcast : public ZelLiveSession {
 
   static std::shared_ptr<Broadcast> start(const std::shared_ptr<const Platform>& platform, const std::string& url,
                                           const RtmpOptions& limits) {
-    const auto video = ZelLiveVideoConfiguration::defaultConfiguration();
+    const auto video = std::make_shared<ZelLiveVideoConfiguration>(
+        ZelLiveVideoQualityMedium, ZelLiveInputAudio | ZelLiveInputVideo, 1, platform->device);
     video->setVideoSize({width, height});
     video->setVideoFrameRate(24);
     video->setVideoMaxKeyFrameInterval(24);

@@ -63,6 +63,7 @@ class World {
     platform->queues = hurriedQueues();
     platform->notifications = std::make_shared<NotificationCenter>();
     platform->names = names;
+    platform->device = std::make_shared<SettableDevice>();  // The machine's own looks for cameras, whose service stays.
     if (machines) {
       names->address = TwoMachines::serverAddress;
       atPublisher(

@@ -21,15 +21,13 @@ class FakeRtmp {
   std::int32_t sendResult = 1;  ///< Of each message.
   std::vector<Sent> sent;
   std::vector<std::string> urls;
-  std::vector<RtmpOptions> options;
   std::vector<std::string> hostAddresses;
   int closed = 0;
   int aborted = 0;
 
   /// Refers to this object, which must outlive the connections.
   [[nodiscard]] RtmpConnectionFactory factory() {
-    return [this](const RtmpOptions& limits, const std::shared_ptr<const Platform>&, const std::shared_ptr<Queue>&) {
-      options.push_back(limits);
+    return [this](const RtmpOptions&, const std::shared_ptr<const Platform>&, const std::shared_ptr<Queue>&) {
       auto connection = std::make_unique<Connection>(*this);
       latest_ = connection.get();
       return connection;

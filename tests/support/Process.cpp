@@ -1,7 +1,5 @@
 #include "tests/support/Process.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,10 +10,6 @@
 #include <iterator>
 #include <stdexcept>
 #include <utility>
-
-extern "C" {  // Which glibc 2.36 leaves out.
-#include <sys/pidfd.h>
-}
 
 namespace zellive::test {
 
@@ -37,23 +31,14 @@ std::string contentsOf(const std::string& path) {
 }
 
 Process::Process(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {"setpriv", "--pdeathsig", "KILL", "--"});
+  arguments.insert(arguments.begin(), {"setpriv", "--pdeathsig", "KILL", "--", "sh", "-c",
+                                       R"(exec "$@" < /dev/null >> "$0/1" 2>> "$0/2")", directory_.path()});
   std::vector<char*> pointers;
   for (auto& argument : arguments) {
     pointers.push_back(argument.data());
   }
   pointers.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  for (const int stream : {1, 2}) {
-    const auto path = directory_.path() + "/" + std::to_string(stream);
-    posix_spawn_file_actions_addopen(&files, stream, path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  }
-  const int error = posix_spawnp(&pid_, pointers[0], &files, nullptr, pointers.data(), environ);
-  posix_spawn_file_actions_destroy(&files);
-  descriptor_ = error == 0 ? pidfd_open(pid_, 0) : -1;
-  if (descriptor_ < 0) {
+  if (posix_spawnp(&pid_, pointers[0], nullptr, nullptr, pointers.data(), environ) != 0) {
     throw std::runtime_error("no process");
   }
 }
@@ -61,19 +46,23 @@ Process::Process(std::vector<std::string> arguments) {
 Process::~Process() {
   signal(SIGKILL);
   waitFor(std::chrono::seconds(10));
-  close(descriptor_);
 }
 
-void Process::signal(int number) { pidfd_send_signal(descriptor_, number, nullptr, 0); }
+void Process::signal(int number) {
+  if (!status_) {
+    kill(pid_, number);
+  }
+}
 
 bool Process::waitFor(std::chrono::milliseconds limit) {
-  pollfd end{descriptor_, POLLIN, 0};
-  if (!status_ && poll(&end, 1, static_cast<int>(limit.count())) > 0) {
+  const auto ended = [this] {
     siginfo_t how{};
-    waitid(P_PIDFD, static_cast<id_t>(descriptor_), &how, WEXITED);
-    status_ = how.si_code == CLD_EXITED ? how.si_status : 128 + how.si_status;
-  }
-  return status_.has_value();
+    if (!status_ && waitid(P_PID, static_cast<id_t>(pid_), &how, WEXITED | WNOHANG) == 0 && how.si_pid != 0) {
+      status_ = how.si_code == CLD_EXITED ? how.si_status : 128 + how.si_status;
+    }
+    return status_.has_value();
+  };
+  return waitUntil(ended, limit);
 }
 
 bool Process::waitForText(const std::string& text, std::chrono::milliseconds limit) {

@@ -64,7 +64,6 @@ class Process {
  private:
   TemporaryDirectory directory_;
   pid_t pid_ = -1;
-  int descriptor_ = -1;
   std::optional<int> status_;
 };
 

@@ -100,13 +100,6 @@ void WireServer::Client::handshake(WireFault fault) {
     throw Malformed{};
   }
   const Bytes c1 = read(kHandshakeSize);
-  pollfd hangUp{descriptor, POLLRDHUP, 0};
-  while (fault == WireFault::Drip) {
-    write({3});
-    if (::poll(&hangUp, 1, 20) != 0) {
-      throw ConnectionOver{};
-    }
-  }
   Bytes answer(1 + kHandshakeSize, 3);
   answer.insert(answer.end(), c1.begin(), c1.end());
   if (fault == WireFault::Garbage) {

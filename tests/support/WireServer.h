@@ -42,7 +42,6 @@ enum class WireFault {
   None,
   Silent,              ///< Accepts and never says a word.
   Garbage,             ///< Answers the handshake with noise.
-  Drip,                ///< Answers the handshake a byte at a time, for ever.
   ResetAfterConnect,   ///< Answers connect and resets the connection in the same breath.
   CloseAfterConnect,   ///< Closes when the client asks for a stream.
   SilentAfterConnect,  ///< Answers connect, then nothing more.

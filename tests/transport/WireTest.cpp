@@ -277,7 +277,6 @@ TEST(Wire, AStreamThatDoesNotOpenHasItsReason) {
       {WireFault::None, "rtmps", -4, "the server did not agree to a secure connection"},
       {WireFault::Silent, "rtmps", -6, silence},
       {WireFault::Silent, "rtmp", -6, silence},
-      {WireFault::Drip, "rtmp", -6, "the server did not take the stream within 3 s"},
       {WireFault::Garbage, "rtmp", -9, "the server does not speak RTMP"},
       {WireFault::ResetAfterConnect, "rtmp", -8, "the server "},
       {WireFault::CloseAfterConnect, "rtmp", -8, "the server closed the connection while opening the stream"},
