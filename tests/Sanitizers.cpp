@@ -7,9 +7,6 @@ extern "C" const char* __tsan_default_suppressions() { return "race:libfontconfi
 #endif
 
 #ifdef __SANITIZE_ADDRESS__
-// The first two keep, to the end of the process and where nobody finds it, what they have read once; OpenGL's drivers
-// keep the textures of the last drawing until they are given others.
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:libfontconfig.so\nleak:libdbus-1.so\nleak:_dri.so\n";
-}
+// Both keep, to the end of the process and where nobody finds it, what they have read once.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\nleak:libdbus-1.so\n"; }
 #endif

@@ -141,17 +141,17 @@ TEST_F(VideoCamera, OneFrameIsInTheMakingAndOthersAreDropped) {
 TEST_F(VideoCamera, TargetsGetFramesUnlessDisabledOrIgnoredAndSizesOnceBothSidesDiffer) {
   make();
   const auto disabled = GPUImageFilter::create();
-  const auto others = std::make_shared<Recorder>(true);
-  disabled->addTarget(others);
+  const auto ignored = std::make_shared<Recorder>(true);
+  disabled->addTarget(sink);
   disabled->setEnabled(false);
   camera->addTarget(disabled);
-  camera->addTarget(others);
+  camera->addTarget(ignored);
   frameOf(picture);
   EXPECT_EQ(frameOf(samplePicture(PixelFormat::BiPlanarFullRange, 64, 48))->height(), 36U);
   EXPECT_EQ(sink->size, (Size{64, 48}));
   EXPECT_EQ(frameOf(samplePicture(PixelFormat::BiPlanarFullRange, 32, 48))->width(), 32U);
   EXPECT_EQ(sink->times.size(), 3U);
-  EXPECT_TRUE(others->times.empty());
+  EXPECT_TRUE(ignored->times.empty());
   const LogCapture log;
   EXPECT_TRUE(frameOf(samplePicture(PixelFormat::Planar, 128, 8))) << "has no plane of pairs";
   EXPECT_EQ(log.count(LogLevel::Error, "Error at CVOpenGLESTextureCacheCreateTextureFromImage -2"), 1U);
