@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <csignal>
-#include <fstream>
 #include <mutex>
-#include <numbers>
 #include <string>
 
 #include "tests/support/ManualPlatform.h"
@@ -101,26 +98,13 @@ class PipeWireMicrophonesTest : public ::testing::Test {
 
   /// A microphone of its own process, with minutes of a tone.
   std::unique_ptr<Process> plugIn(const std::string& name, int frequency, const std::string& more = {}) {
-    const auto path = directory.path() + "/" + std::to_string(frequency) + ".wav";
-    std::ofstream file(path, std::ios::binary);
-    const auto put = [&](auto value) { file.write(reinterpret_cast<const char*>(&value), sizeof value); };
-    constexpr std::uint32_t rate = 8000;
-    constexpr std::uint32_t frames = 300 * rate;
-    file << "RIFF";
-    put(36 + 2 * frames);
-    file << "WAVEfmt ";
-    put(std::array<std::uint32_t, 4>{16, 1 + (1U << 16), rate, 2 * rate});  // PCM of one channel.
-    put(2 + (16U << 16));                                                   // Bytes a frame, bits a sample.
-    file << "data";
-    put(2 * frames);
-    for (std::uint32_t i = 0; i < frames; ++i) {
-      put(static_cast<std::int16_t>(8000 * std::sin(2 * std::numbers::pi * frequency * i / rate)));
-    }
-    file.close();
+    const auto file = directory.path() + "/" + std::to_string(frequency) + ".wav";
+    const auto tone = "sine=duration=300:sample_rate=8000:frequency=" + std::to_string(frequency);
+    EXPECT_EQ(runProgram({"ffmpeg", "-y", "-f", "lavfi", "-i", tone, file}).status, 0);
     return std::make_unique<Process>(std::vector<std::string>{
         "pw-cat", "-p", "-P",
         "{ media.class = Audio/Source node.name = " + name + " node.description = \"the " + name + "\" " + more + " }",
-        path});
+        file});
   }
   bool lists(const std::string& name) {
     return std::ranges::count(service->devices(), name, &AudioInputDescription::uniqueID) == 1;
@@ -137,10 +121,10 @@ class PipeWireMicrophonesTest : public ::testing::Test {
     EXPECT_EQ(unit->start(), 0);
     return unit;
   }
-  /// The number of the node of the name, as pw-cli lists it.
-  static std::string nodeOf(const std::string& name) {
-    const auto list = runProgram({"pw-cli", "ls", "Node"}).output;
-    const auto at = list.find("node.name = \"" + name + "\"");
+  /// The number of the daemon's object of that kind and property.
+  static std::string idOf(const std::string& kind, const std::string& property) {
+    const auto list = runProgram({"pw-cli", "ls", kind}).output;
+    const auto at = list.find(property);
     const auto id = at == std::string::npos ? at : list.rfind("\tid ", at);
     return id == std::string::npos ? "" : list.substr(id + 4, list.find(',', id) - id - 4);
   }
@@ -204,7 +188,7 @@ TEST_F(PipeWireMicrophonesTest, DeliversInTheRateAndChannelsThatAreAsked) {
   EXPECT_FALSE(service->setPreferredInput("another"));
 }
 
-TEST_F(PipeWireMicrophonesTest, ACaptureIsSilentWhileMutedAndBlocksFlowOn) {
+TEST_F(PipeWireMicrophonesTest, ACaptureIsMutedPausedAndForbidden) {
   auto platform = std::make_shared<Platform>(*defaultPlatform());
   platform->audioInputs = service;
   platform->notifications = notifications;
@@ -219,7 +203,7 @@ TEST_F(PipeWireMicrophonesTest, ACaptureIsSilentWhileMutedAndBlocksFlowOn) {
   EXPECT_TRUE(ear->hears(440));
 
   // Somebody pauses the stream, and resumes it: the owner has to start it.
-  const auto node = nodeOf("zellive");
+  const auto node = idOf("Node", "node.name = \"zellive\"");
   (void)runProgram({"pw-cli", "c", node, "Pause", "{}"});
   EXPECT_TRUE(posted("interruption 1 "));
   EXPECT_TRUE(told("Live: Interruption, Microphone stopRunning"));
@@ -228,6 +212,14 @@ TEST_F(PipeWireMicrophonesTest, ACaptureIsSilentWhileMutedAndBlocksFlowOn) {
   EXPECT_FALSE(ear->hears(440, 1s));
   capture->setRunning(false);
   capture->setRunning(true);
+  EXPECT_TRUE(ear->hears(440));
+
+  // Permission is taken away: a new connection has its own.
+  capture->setRunning(false);
+  const auto client = idOf("Client", "application.name = \"zellive_platform_tests\"");
+  (void)runProgram({"pw-cli", "sp", client, "0", "256"});  // To read only.
+  capture->setRunning(true);
+  EXPECT_TRUE(told("PipeWire may not be used: permission is refused"));
   EXPECT_TRUE(ear->hears(440));
 }
 

@@ -193,21 +193,18 @@ TEST_F(VirtualMicrophonesTest, TheToneBeepsOnTheBeatOfTheMediaClock) {
 }
 
 TEST_F(VirtualMicrophonesTest, TheSpeakerSpeaksAndPausesInNoise) {
-  for (const double rate : {8000.0, 48000.0}) {
-    const auto speech = unit("zellive.speech", rate);
-    speech->start();
-    time->advance(6s);
-    std::vector<double> levels;  // Of 50 ms each.
-    for (std::size_t i = 0; i + 1 < 6 * 20; ++i) {
-      levels.push_back(level(
-          std::span(heard).subspan(i * static_cast<std::size_t>(rate / 20), static_cast<std::size_t>(rate / 20))));
-    }
-    std::ranges::sort(levels);
-    EXPECT_GT(levels.front(), 150) << "the fan";
-    EXPECT_LT(levels[levels.size() / 5], 600) << "the fan alone, in pauses";
-    EXPECT_GT(levels[levels.size() * 3 / 4], 1000) << "the voice";
-    EXPECT_LT(std::ranges::max(heard), 32767) << "clipped";
+  const auto speech = unit("zellive.speech");
+  speech->start();
+  time->advance(6s);
+  std::vector<double> levels;  // Of 50 ms each.
+  for (std::size_t i = 0; i + 1 < 6 * 20; ++i) {
+    levels.push_back(level(std::span(heard).subspan(i * 2400, 2400)));
   }
+  std::ranges::sort(levels);
+  EXPECT_GT(levels.front(), 150) << "the fan";
+  EXPECT_LT(levels[levels.size() / 5], 600) << "the fan alone, in pauses";
+  EXPECT_GT(levels[levels.size() * 3 / 4], 1000) << "the voice";
+  EXPECT_LT(std::ranges::max(heard), 32767) << "clipped";
 }
 
 }  // namespace
