@@ -25,6 +25,7 @@ CameraSession::CameraSession(QueueService& queues, std::shared_ptr<MediaClock> c
 
 void CameraSession::end() {
   stopRunning();
+  setSampleBufferDelegate({}, nullptr);
   const std::lock_guard lock(feedMutex_);
   ended_ = true;
   feed_.reset();
