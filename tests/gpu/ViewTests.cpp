@@ -92,9 +92,8 @@ TEST_F(GpuTest, UIElementIsAStillThatKeepsItsTransparency) {
     EXPECT_TRUE(matches(result, 32, 18, 2, [&](std::size_t x, std::size_t y) {
       Color color = colorAt(*picture_, x, y);
       const bool covered = x >= left + 2 && x < left + 8 && y >= 6 && y < 12;
-      // What the filter mixes in is multiplied by alpha once more: that is how it has always been.
       for (std::size_t c = 0; covered && c < 3; ++c) {
-        color[c] = color[c] * 0.5 + (c == 2 ? 64 : 0);
+        color[c] = color[c] * 0.5 + (c == 2 ? 127.5 : 0);
       }
       return color;
     }));

@@ -2,13 +2,34 @@
 
 #include <GLES2/gl2.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <utility>
 
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/platform/Drawing.h"
 
 namespace zellive {
+namespace {
+
+/// Filters mix colours in by their alpha: a colour that bears it already would come out too dark.
+void divideByAlpha(const PixelBuffer& picture) {
+  const auto& plane = picture.plane(0);
+  for (std::size_t row = 0; row < plane.height; ++row) {
+    std::uint8_t* pixel = plane.base + row * plane.bytesPerRow;
+    for (const std::uint8_t* const end = pixel + plane.width * 4; pixel != end; pixel += 4) {
+      const unsigned alpha = pixel[3];
+      if (alpha != 0 && alpha != 255) {
+        for (std::size_t component = 0; component < 3; ++component) {
+          pixel[component] = static_cast<std::uint8_t>(std::min((pixel[component] * 255U + alpha / 2) / alpha, 255U));
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
 
 std::shared_ptr<GPUImageUIElement> GPUImageUIElement::create(std::shared_ptr<View> view) {
   return std::shared_ptr<GPUImageUIElement>(new GPUImageUIElement(std::move(view)));
@@ -31,6 +52,7 @@ void GPUImageUIElement::updateWithTimestamp(MediaTime frameTime) {
       return;
     }
     renderView(*view_, *picture);
+    divideByAlpha(*picture);
     drawnVersion_ = version;
   }
   const auto self = std::static_pointer_cast<GPUImageUIElement>(shared_from_this());

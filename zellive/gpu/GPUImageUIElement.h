@@ -9,8 +9,9 @@
 
 namespace zellive {
 
-/// A source that shows a view, with what is within it, as a still picture: BGRA, multiplied by alpha, transparent where
-/// the view is. It sends when it is told to; what has not changed since is neither drawn nor uploaded again.
+/// A source that shows a view, with what is within it, as a still picture: BGRA, colours not multiplied by alpha, as
+/// blending filters take them; transparent where the view is. It sends when it is told to; what has not changed since
+/// is neither drawn nor uploaded again.
 ///
 /// Any thread. The view is drawn on the thread that calls update(); the picture reaches the targets on the
 /// video-processing queue, soon after, in the order of the calls. forceProcessingAtSize() has no effect: a picture is
