@@ -77,15 +77,15 @@ class Server:
     def address(self):
         return ("127.0.0.1", self.port)
 
-    def recording(self, stream):
-        """Pictures' tags that the server recorded of `stream`: a list of (timestamp in milliseconds, size)."""
+    def recording(self, stream, kind=VIDEO):
+        """Pictures, or sound, that the server recorded of `stream`: a list of (timestamp in milliseconds, size of tag)."""
         path = self.prefix / f"{stream}.flv"
         data = path.read_bytes() if path.exists() else b""
         tags, at = [], 13
         while at + 11 <= len(data):
             size = int.from_bytes(data[at + 1 : at + 4], "big")
             stamp = int.from_bytes(data[at + 4 : at + 7], "big") | data[at + 7] << 24
-            coded = data[at] == VIDEO and data[at + 12 : at + 13] == b"\1"  # No sequence header.
+            coded = data[at] == kind and data[at + 12 : at + 13] == b"\1"  # No sequence header.
             if coded:
                 tags.append((stamp, size))
             at += 11 + size + 4
