@@ -102,6 +102,7 @@ class PipeWireConnection::Link {
       for (const auto& [id, object] : objects_) {
         user.objectAppeared(object);
       }
+      beginListing();  // What this user has asked is to be waited for as well.
     } else if (users_.size() == 1 && core_ == nullptr) {
       connect();
     }
@@ -131,9 +132,13 @@ class PipeWireConnection::Link {
     registry_ = pw_core_get_registry(core_, PW_VERSION_REGISTRY, 0);
     pw_registry_add_listener(registry_, &registryHook_, &kRegistryEvents, this);
     broken_ = 0;
+    tellUsers([](User& user) { user.connectionMade(); });
+    beginListing();
+  }
+
+  void beginListing() {
     rounds_ = 0;
     owner_.setListing(Listing::Under);
-    tellUsers([](User& user) { user.connectionMade(); });
     round_ = pw_core_sync(core_, PW_ID_CORE, 0);
     set(unanswered_, kListingTime);
   }

@@ -56,6 +56,8 @@ class PipeWireSources::Node {
     learn(object.properties);
     if (proxy_ != nullptr) {
       pw_node_add_listener(proxy_, &hook_, &kEvents, this);
+      // At once, so that whoever waits for the list gets the answer with it.
+      pw_node_enum_params(proxy_, 0, SPA_PARAM_EnumFormat, 0, 1, nullptr);
     }
   }
   ~Node() {
@@ -95,9 +97,6 @@ class PipeWireSources::Node {
     if ((info.change_mask & PW_NODE_CHANGE_MASK_PROPS) != 0) {
       learn(propertiesOf(info.props));
     }
-    if ((info.change_mask & PW_NODE_CHANGE_MASK_PARAMS) != 0 && !std::exchange(asked_, true)) {
-      pw_node_enum_params(proxy_, 0, SPA_PARAM_EnumFormat, 0, 1, nullptr);
-    }
   }
 
   void takeFormat(const spa_pod* format) {
@@ -111,7 +110,6 @@ class PipeWireSources::Node {
 
   pw_node* const proxy_;
   spa_hook hook_{};
-  bool asked_ = false;
 };
 
 const pw_node_events PipeWireSources::Node::kEvents = {
