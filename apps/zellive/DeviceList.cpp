@@ -166,8 +166,11 @@ void print(std::ostream& out, const Json& list) {
   for (const auto& microphone : list["microphones"]) {
     const auto channels = microphone["channels"].get<int>();
     const double rate = microphone["sample_rate"];
-    out << heading(microphone) << "; " << channels << (channels == 1 ? " channel" : " channels")
-        << (rate > 0 ? ", " + rateText(rate) + " Hz" : "") << (microphone["virtual"].get<bool>() ? ", virtual" : "")
+    out << heading(microphone);
+    if (channels > 0) {
+      out << "; " << channels << (channels == 1 ? " channel" : " channels");
+    }
+    out << (rate > 0 ? ", " + rateText(rate) + " Hz" : "") << (microphone["virtual"].get<bool>() ? ", virtual" : "")
         << '\n';
   }
   out << (list["microphones"].empty() ? "  none\n" : "") << "Encoders\n";

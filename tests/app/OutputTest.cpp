@@ -78,5 +78,34 @@ TEST(LibraryLogTest, HandsOnWhatConcernsTheConnectionAndHoldsBackWhatIsNoNews) {
   EXPECT_EQ(contents(err), "zellive: error: no encoder\nzellive: error: no encoder\nzellive: warning: late warning\n");
 }
 
+TEST(LibraryLogTest, TellsOfDevicesEachTimeThatTheyFailOrAreBack) {
+  for (const bool hasHardware : {true, false}) {
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    auto log = std::make_shared<LibraryLog>(std::make_shared<Output>(Output::Form::Lines, false, url, out, err),
+                                            [](const SessionEvents::Event&) {});
+    if (!hasHardware) {
+      log->ignoreHardware();
+    }
+    log->showWarnings();
+    for (int i = 0; i < 2; ++i) {
+      log->receive(LogLevel::Warning, "Live: the camera \"Desk\" cannot be used: busy; trying again");
+      log->receive(LogLevel::Information, "Live: the camera \"Desk\" delivers pictures again");
+    }
+    log->receive(LogLevel::Warning, "Live: PipeWire has ended; it is tried each second");
+    log->receive(LogLevel::Information, "Live: PipeWire is there again");
+    log->receive(LogLevel::Warning, "Live: there is no microphone; there is no sound until one is plugged in");
+    log->receive(LogLevel::Warning, "Live: the microphone \"Desk\" delivers sound again");
+    log->receive(LogLevel::Warning, "Live: handleRouteChange reason is The reason for the change is unknown.");
+    const std::string camera = "zellive: the camera \"Desk\" cannot be used: busy; trying again\n";
+    const std::string back = "the camera \"Desk\" delivers pictures again\n";
+    EXPECT_EQ(contents(err), camera + camera +
+                                 (hasHardware ? "zellive: PipeWire has ended; it is tried each second\n" : "") +
+                                 "zellive: there is no microphone; there is no sound until one is plugged in\n");
+    EXPECT_EQ(contents(out), back + back + (hasHardware ? "PipeWire is there again\n" : "") +
+                                 "the microphone \"Desk\" delivers sound again\n");
+  }
+}
+
 }  // namespace
 }  // namespace zellive::tool

@@ -85,6 +85,25 @@ double median(std::vector<double> values) {
   return values.at(values.size() / 2);
 }
 
+TEST_F(CaptureTest, TheListSaysWhatTheDevicesCanDo) {
+  const auto listed = nlohmann::json::parse(runProgram({ZELLIVE_PROGRAM, "devices", "--json"}).output);
+  const auto named = [&](const char* kind, const char* name) {
+    const auto found = std::ranges::find_if(listed[kind], [&](const auto& device) { return device["name"] == name; });
+    return found == listed[kind].end() ? nlohmann::json() : *found;
+  };
+  const auto seen = named("cameras", "beat-camera");
+  ASSERT_TRUE(seen.is_object()) << listed;
+  EXPECT_EQ(seen["formats"][0]["encoding"], "NV12") << seen;
+  EXPECT_EQ(seen["formats"][0]["width"], 640);
+  EXPECT_EQ(seen["formats"][0]["max_frame_rate"], 30);
+  const auto heard = named("microphones", "beat-mic");
+  ASSERT_TRUE(heard.is_object()) << listed;
+  EXPECT_EQ(heard["channels"], 1);
+  EXPECT_EQ(heard["sample_rate"], 48000);
+  EXPECT_TRUE(named("microphones", "tone").is_object() && named("cameras", "test card").is_object());
+  EXPECT_EQ(listed["remark"], "");
+}
+
 TEST_F(CaptureTest, ViewersSeeAndHearTheDevicesInStepAndMirroredOnDemand) {
   for (const bool mirrored : {false, true}) {
     const std::string stream = mirrored ? "mirrored" : "plain";
@@ -125,6 +144,12 @@ TEST_F(CaptureTest, ACameraOrADaemonThatDiesIsToldOfAndTakenUpAgain) {
   plugInCamera();
   ASSERT_TRUE(tool.waitForText("delivers pictures again", 20s)) << tool.errors();
   EXPECT_TRUE(waitUntil([&] { return lengthOf(FlvTag::Video) > seen + 1000; }, 20s)) << "and so do the pictures";
+
+  camera->signal(SIGSTOP);
+  ASSERT_TRUE(tool.waitForText("the camera \"beat-camera\" delivers no pictures", 20s)) << tool.errors();
+  camera->signal(SIGCONT);
+  const auto silent = lengthOf(FlvTag::Video);
+  EXPECT_TRUE(waitUntil([&] { return lengthOf(FlvTag::Video) > silent + 1000; }, 20s)) << tool.errors();
 
   daemon->kill();
   ASSERT_TRUE(tool.waitForText("PipeWire has ended", 20s)) << tool.errors();
@@ -179,6 +204,39 @@ TEST_F(RecordingTest, ThePreviewShowsTheWatermarkAndTheStreamDoesNot) {
   expectEnd(tool, 0, 10s);
   const Shown streamed(server->finishedRecording("shown"), 640, 480);
   EXPECT_FALSE(isLime(streamed.at(640 - 60, 40)));
+}
+
+TEST_F(RecordingTest, ClipsInPlaceOfDevicesStayInStepAndCostNoMoreInTime) {
+  const TemporaryDirectory directory;
+  const auto beats = directory.path() + "/beats.mkv";
+  const auto made = runProgram(
+      {"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+       "color=black:s=320x240:r=30:d=4,format=yuv420p,drawbox=x=iw/4:y=ih/8:w=iw/2:h=ih/4:color=white:t=fill:"
+       "enable='lt(mod(t\\,1)\\,0.1)'",
+       "-f", "lavfi", "-i", "aevalsrc='0.25*sin(2*PI*1000*t)*lt(mod(t,1),0.1)':s=48000:d=4", "-c:v", "libx264", "-bf",
+       "0", "-c:a", "pcm_s16le", beats});
+  ASSERT_EQ(made.status, 0) << made.errors;
+  Process tool(toolCommand(server->url("clip"), {"--camera", "clip:" + beats, "--microphone", "clip:" + beats,
+                                                 "--quality", "0", "--preset", "ultrafast"}));
+  const auto countIn = [&](const char* folder) {
+    const auto path = "/proc/" + std::to_string(tool.id()) + "/" + folder;
+    return std::distance(std::filesystem::directory_iterator(path), std::filesystem::directory_iterator());
+  };
+  const auto reached = [&](std::uint32_t time) {
+    return waitUntil([&] { return soFar("clip", FlvTag::Audio).second > time; }, 60s);
+  };
+  ASSERT_TRUE(reached(4000)) << tool.output() << tool.errors();
+  const auto threads = countIn("task");
+  const auto files = countIn("fd");
+  ASSERT_TRUE(reached(14000)) << tool.output() << tool.errors();
+  EXPECT_EQ(countIn("task"), threads);
+  EXPECT_EQ(countIn("fd"), files);
+  tool.signal(SIGINT);
+  expectEnd(tool, 0, 10s);
+  const auto measured = offsets(server->finishedRecording("clip"));
+  ASSERT_GE(measured.size(), 11U) << "the clip begins again without a gap";
+  EXPECT_LE(std::abs(median(measured)), 0.040);
+  EXPECT_LE(std::abs(measured.back() - measured.front()), 0.040);
 }
 
 TEST_F(RecordingTest, CtrlZShowsAStillPictureAndKeepsTheSound) {

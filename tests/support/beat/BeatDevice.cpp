@@ -112,9 +112,10 @@ struct Camera : Device {
     timespec time{due / second, due % second};
     pw_loop_update_timer(pw_main_loop_get_loop(loop), timer, &time, nullptr, true);
   }
+  /// A picture is handed over a frame's time after it was taken, as by a camera that has to expose and read it out.
   void tick() {
     if (running) {
-      taken = number * second / rate;
+      taken = (number - 1) * second / rate;
       pw_stream_trigger_process(stream);
       schedule();
     }
