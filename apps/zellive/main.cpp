@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
@@ -86,6 +87,13 @@ int publish(const PublishOptions& options) {
   return publisher.run();
 }
 
+/// The window system's libraries dismantle themselves when a program exits the ordinary way, while the library's thread
+/// may still be taking leave of them.
+[[noreturn]] void leaveAtOnce(int status) {
+  std::fflush(nullptr);
+  std::_Exit(status);
+}
+
 int listDevices(const DevicesOptions& options) {
   std::string remark;
   const auto list = deviceList(*defaultPlatform(), options.json, remark);
@@ -110,7 +118,12 @@ int main(int argc, char** argv) {
     if (const auto* devices = std::get_if<DevicesOptions>(&parsed)) {
       return listDevices(*devices);
     }
-    return publish(std::get<PublishOptions>(parsed));
+    const auto& options = std::get<PublishOptions>(parsed);
+    const int status = publish(options);
+    if (options.preview) {
+      leaveAtOnce(status);
+    }
+    return status;
   } catch (const std::exception& exception) {
     std::fprintf(stderr, "zellive: %s\n", exception.what());
     return failureStatus;
