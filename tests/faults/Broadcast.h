@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,13 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include "tests/faults/Tap.h"
 #include "tests/transport/Fixtures.h"
 #include "zellive/session/ZelLiveSession.h"
 
 namespace zellive::test {
-
-using namespace std::chrono_literals;
 
 /// A session for pushed sound and small pictures which writes its story down, and whose publisher reports an error at
 /// its second attempt.
@@ -27,7 +25,6 @@ class Broadcast : public ZelLiveSession {
  public:
   static constexpr int width = 160;
   static constexpr int height = 90;
-  static constexpr int reconnectCount = 2;
 
   static std::shared_ptr<Broadcast> start(const std::shared_ptr<const Platform>& platform, const std::string& url,
                                           const RtmpOptions& limits) {
@@ -37,14 +34,11 @@ class Broadcast : public ZelLiveSession {
     video->setVideoFrameRate(24);
     video->setVideoMaxKeyFrameInterval(24);
     video->setVideoBitRate(800'000);
-    const std::shared_ptr<Broadcast> session(
-        new Broadcast(ZelLiveAudioConfiguration::defaultConfiguration(), video, platform, limits));
+    const std::shared_ptr<Broadcast> session(new Broadcast(video, platform, limits));
     session->observeApplication();
     session->setInputVideoFrameRate(24);
     session->setVideoEncoderOptions({"libx264", "ultrafast"});
-    const auto info = std::make_shared<ZelLiveStreamInfo>();
-    info->setUrl(url);
-    session->startLive(info);
+    session->startLive(streamAt(url));
     return session;
   }
 
@@ -62,13 +56,15 @@ class Broadcast : public ZelLiveSession {
   }
 
   const std::shared_ptr<Story> story = std::make_shared<Story>();
-  const std::shared_ptr<Tap> tap = std::make_shared<Tap>();
   /// Frames that the publisher holds.
   const std::shared_ptr<std::atomic<int>> queued = std::make_shared<std::atomic<int>>(0);
 
  protected:
   std::shared_ptr<ZelStreamRtmpSocket> makeSocket(std::shared_ptr<ZelLiveStreamInfo> info) override {
-    return ZelStreamRtmpSocket::create(std::move(info), 1, reconnectCount, platform_, Tap::factory(tap, limits_));
+    return ZelStreamRtmpSocket::create(std::move(info), 1, 2, platform_,
+                                       [limits = limits_](const auto&, const auto& platform, const auto& queue) {
+                                         return makeLibrtmpConnection(limits, platform, queue);
+                                       });
   }
   void pushSendBuffer(std::shared_ptr<const ZelFrame> frame) override {
     ++*queued;
@@ -80,9 +76,9 @@ class Broadcast : public ZelLiveSession {
   }
 
  private:
-  Broadcast(AudioConfiguration audio, VideoConfiguration video, const std::shared_ptr<const Platform>& platform,
-            const RtmpOptions& limits)
-      : ZelLiveSession(std::move(audio), std::move(video), ZelLiveInputAudio | ZelLiveInputVideo, platform),
+  Broadcast(VideoConfiguration video, const std::shared_ptr<const Platform>& platform, const RtmpOptions& limits)
+      : ZelLiveSession(ZelLiveAudioConfiguration::defaultConfiguration(), std::move(video),
+                       ZelLiveInputAudio | ZelLiveInputVideo, platform),
         platform_(platform),
         limits_(limits) {}
 
@@ -94,29 +90,20 @@ class Broadcast : public ZelLiveSession {
 class Feed {
  public:
   Feed() {
-    for (int index = 0; index < 8; ++index) {
-      auto picture = PixelBuffer::create(PixelFormat::Planar, Broadcast::width, Broadcast::height);
-      std::minstd_rand random(static_cast<unsigned>(index) + 1);
+    std::minstd_rand random;
+    for (auto& picture : pictures_) {
+      picture = PixelBuffer::create(PixelFormat::Planar, Broadcast::width, Broadcast::height);
       for (std::size_t at = 0; at < picture->planeCount(); ++at) {
         const auto& plane = picture->plane(at);
         std::generate_n(plane.base, plane.bytesPerRow * plane.height,
                         [&] { return static_cast<std::uint8_t>(at == 0 ? 64 + random() % 128 : 128); });
       }
-      pictures_.push_back(std::move(picture));
     }
-    for (int at = 0; at < 1024; ++at) {
-      const auto sample = static_cast<std::int16_t>(at % 64 < 32 ? 4000 : -4000);
-      tone_.push_back(static_cast<std::uint8_t>(sample & 0xFF));
-      tone_.push_back(static_cast<std::uint8_t>(sample >> 8 & 0xFF));
+    for (std::size_t at = 0; at < tone_.size(); ++at) {
+      tone_[at] = at % 128 < 64 ? 0x0F : 0xF0;
     }
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
   }
-  ~Feed() {
-    stop_ = true;
-    thread_.join();
-  }
-  Feed(const Feed&) = delete;
-  Feed& operator=(const Feed&) = delete;
 
   void setSessions(std::vector<std::shared_ptr<Broadcast>> sessions) {
     const std::lock_guard lock(mutex_);
@@ -128,10 +115,9 @@ class Feed {
   }
 
  private:
-  void run() {
+  void run(const std::stop_token& stop) {
     constexpr std::chrono::nanoseconds beat{1'000'000'000LL * 1024 / 48000};
-    auto due = std::chrono::steady_clock::now();
-    while (!stop_) {
+    for (auto due = std::chrono::steady_clock::now(); !stop.stop_requested();) {
       // A machine that stood still for a while does not get it all at once.
       due = std::max(due + beat, std::chrono::steady_clock::now() - beat);
       std::this_thread::sleep_until(due);
@@ -147,14 +133,13 @@ class Feed {
     }
   }
 
-  std::vector<std::shared_ptr<PixelBuffer>> pictures_;
-  std::vector<std::uint8_t> tone_;
+  std::array<std::shared_ptr<PixelBuffer>, 8> pictures_;
+  std::array<std::uint8_t, 2048> tone_{};
   std::mutex mutex_;
   std::condition_variable beat_;
   std::vector<std::shared_ptr<Broadcast>> sessions_;
   int beats_ = 0;
-  std::atomic<bool> stop_ = false;
-  std::thread thread_;
+  std::jthread thread_;
 };
 
 }  // namespace zellive::test

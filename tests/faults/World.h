@@ -12,10 +12,9 @@
 #include <string>
 #include <utility>
 
-#include "tests/faults/TwoMachines.h"
-#include "tests/support/AlteredQueues.h"
 #include "tests/support/Event.h"
 #include "tests/support/ManualPlatform.h"
+#include "tests/support/NetworkNamespace.h"
 #include "tests/support/NginxServer.h"
 #include "tests/support/Relay.h"
 #include "zellive/platform/linux/NetlinkReachability.h"
@@ -24,12 +23,29 @@ namespace zellive::test {
 
 using namespace std::chrono_literals;
 
-/// A publisher waits a tenth of the reconnect interval on them.
-inline std::shared_ptr<QueueService> hurriedQueues() {
-  return std::make_shared<AlteredQueues>([](const std::string& label, std::chrono::nanoseconds delay) {
-    return label.ends_with("rtmpSendQueue") ? delay / 10 : delay;
-  });
-}
+/// Real queues on which a publisher waits a tenth of the reconnect interval.
+struct HurriedQueues : QueueService {
+  struct Hurried : Queue {
+    explicit Hurried(std::shared_ptr<Queue> queue) : real(std::move(queue)) {}
+    void async(Task task) override { real->async(std::move(task)); }
+    std::shared_ptr<DelayedWork> after(std::chrono::nanoseconds delay, Task task) override {
+      return real->after(delay / 10, std::move(task));
+    }
+    std::unique_ptr<ReadWatch> whenReadable(int descriptor, Task handler) override {
+      return real->whenReadable(descriptor, std::move(handler));
+    }
+    [[nodiscard]] bool isCurrent() const override { return real->isCurrent(); }
+    [[nodiscard]] const std::string& label() const override { return real->label(); }
+    const std::shared_ptr<Queue> real;
+  };
+  std::shared_ptr<Queue> makeSerialQueue(std::string label) override {
+    auto queue = real->makeSerialQueue(std::move(label));
+    return queue->label().ends_with("rtmpSendQueue") ? std::make_shared<Hurried>(std::move(queue)) : queue;
+  }
+  std::shared_ptr<Queue> mainQueue() override { return real->mainQueue(); }
+  std::shared_ptr<Queue> globalQueue() override { return real->globalQueue(); }
+  const std::shared_ptr<QueueService> real = defaultPlatform()->queues;
+};
 
 /// Knows every name, as `address`, until it knows none.
 struct Names : NameService {
@@ -40,10 +56,28 @@ struct Names : NameService {
   std::atomic<bool> lost = false;
 };
 
+/// A server's machine and a publisher's, with two cables between them: wired0 at the publisher leads to near0, wwan0 to
+/// near1. The server's address is beyond both.
+struct TwoMachines {
+  static constexpr const char* serverAddress = "203.0.113.7";
+  TwoMachines() {
+    server.run(
+        "ip link add near0 type veth peer name wired0; ip link add near1 type veth peer name wwan0;"
+        "ip addr add 203.0.113.7/32 dev lo; ip addr add 192.0.2.1/24 dev near0; ip addr add 198.51.100.1/24 dev near1;"
+        "ip link set near0 up; ip link set near1 up;"
+        "ip link set wired0 netns " +
+        publisher.path() + "; ip link set wwan0 netns " + publisher.path());
+    publisher.run(
+        "ip addr add 192.0.2.5/24 dev wired0; ip addr add 198.51.100.5/24 dev wwan0;"
+        "ip link set wired0 up; ip link set wwan0 up; ip route add default via 192.0.2.1");
+  }
+  NetworkNamespace server;
+  NetworkNamespace publisher;
+};
+
 /// A real server, what stands in front of it, and the publisher's machine. `apart`: with a network between them, real
 /// where this process may have one, else played by a relay.
-class World {
- public:
+struct World {
   explicit World(bool apart) {
     for (const auto& queue : {defaultPlatform()->queues->mainQueue(), defaultPlatform()->queues->globalQueue()}) {
       Event warm;  // Whatever the shared queues keep has been made.
@@ -55,22 +89,21 @@ class World {
     } catch (const std::runtime_error& reason) {
       std::printf("%s; a relay plays the network\n", reason.what());
     }
-    atServer([&] {
+    at(&TwoMachines::server, [&] {
       server = std::make_unique<NginxServer>();
       front = std::make_unique<Relay>(server->rtmpPort(), machines ? INADDR_ANY : INADDR_LOOPBACK);
     });
     *platform = *defaultPlatform();
-    platform->queues = hurriedQueues();
+    platform->queues = std::make_shared<HurriedQueues>();
     platform->notifications = std::make_shared<NotificationCenter>();
     platform->names = names;
     platform->device = std::make_shared<SettableDevice>();  // The machine's own looks for cameras, whose service stays.
     if (machines) {
       names->address = TwoMachines::serverAddress;
-      atPublisher(
-          [&] { platform->reachability = makeNetworkReachability(*platform->queues, platform->notifications); });
+      at(&TwoMachines::publisher,
+         [&] { platform->reachability = makeNetworkReachability(*platform->queues, platform->notifications); });
     } else {
-      reachability = std::make_shared<SettableReachability>(platform->notifications);
-      platform->reachability = reachability;
+      platform->reachability = reachability = std::make_shared<SettableReachability>(platform->notifications);
       way = apart ? std::make_unique<Relay>(front->port()) : nullptr;
     }
   }
@@ -78,9 +111,14 @@ class World {
   [[nodiscard]] std::string url(const std::string& stream) const {
     return "rtmp://stream.test:" + std::to_string((way ? way : front)->port()) + "/live/" + stream;
   }
-  void atServer(const std::function<void()>& work) const { at(&TwoMachines::server, work); }
   /// What work does and starts belongs to that machine.
-  void atPublisher(const std::function<void()>& work) const { at(&TwoMachines::publisher, work); }
+  void at(NetworkNamespace TwoMachines::*machine, const std::function<void()>& work) const {
+    std::optional<NetworkNamespace::Stay> inside;
+    if (machines) {
+      inside.emplace((*machines).*machine);
+    }
+    work();
+  }
 
   std::unique_ptr<TwoMachines> machines;  ///< Null where there is no real network.
   std::unique_ptr<NginxServer> server;
@@ -89,27 +127,6 @@ class World {
   std::shared_ptr<SettableReachability> reachability;  ///< Null where there is a real network.
   const std::shared_ptr<Names> names = std::make_shared<Names>();
   const std::shared_ptr<Platform> platform = std::make_shared<Platform>();
-
- private:
-  void at(NetworkNamespace TwoMachines::*machine, const std::function<void()>& work) const {
-    std::optional<NetworkNamespace::Stay> inside;
-    if (machines) {
-      inside.emplace((*machines).*machine);
-    }
-    work();
-  }
-};
-
-/// Something that is wrong until this goes.
-class Fault {
- public:
-  Fault(const std::function<void()>& begin, std::function<void()> end) : end_(std::move(end)) { begin(); }
-  ~Fault() { end_(); }
-  Fault(const Fault&) = delete;
-  Fault& operator=(const Fault&) = delete;
-
- private:
-  const std::function<void()> end_;
 };
 
 /// This process's threads whose names end so.

@@ -19,7 +19,7 @@ class FakeRtmp {
 
   std::string failAt;           ///< "RTMP_SetupURL", "RTMP_Connect" or "RTMP_ConnectStream"; empty: all succeed.
   std::int32_t sendResult = 1;  ///< Of each message.
-  std::vector<Sent> sent;
+  std::vector<Sent> media;      ///< Messages of audio and video.
   std::vector<std::string> urls;
   std::vector<std::string> hostAddresses;
   int closed = 0;
@@ -27,7 +27,7 @@ class FakeRtmp {
 
   /// Refers to this object, which must outlive the connections.
   [[nodiscard]] RtmpConnectionFactory factory() {
-    return [this](const RtmpOptions&, const std::shared_ptr<const Platform>&, const std::shared_ptr<Queue>&) {
+    return [this](const RtmpOptions&, const auto&, const auto&) {
       auto connection = std::make_unique<Connection>(*this);
       latest_ = connection.get();
       return connection;
@@ -35,12 +35,6 @@ class FakeRtmp {
   }
   /// The latest connection finds itself broken between two calls.
   void breakConnection(const RTMPError& error) { latest_->breakOff(error); }
-  /// Messages of audio and video.
-  [[nodiscard]] std::vector<Sent> media() const {
-    auto all = sent;
-    std::erase_if(all, [](const Sent& message) { return message.type != 8 && message.type != 9; });
-    return all;
-  }
 
  private:
   struct Connection : RtmpConnection {
@@ -53,14 +47,16 @@ class FakeRtmp {
     void setCallbacks(const RtmpCallbacks& given) override { callbacks = given; }
     void enableWrite() override { write = true; }
     bool connect(RTMPError* error) override { return step("RTMP_Connect", error); }
-    std::vector<std::string> hostAddresses() const override { return script.hostAddresses; }
+    [[nodiscard]] std::vector<std::string> hostAddresses() const override { return script.hostAddresses; }
     bool connectStream(RTMPError* error) override { return connected = write && step("RTMP_ConnectStream", error); }
     [[nodiscard]] bool isConnected() const override { return connected; }
     [[nodiscard]] std::int32_t streamId() const override { return 7; }
     std::int32_t sendPacket(const RtmpMessage& message, RTMPError* error) override {
-      script.sent.push_back({message, {message.body.begin(), message.body.end()}});
+      if (message.type != 18) {
+        script.media.push_back({message, {message.body.begin(), message.body.end()}});
+      }
       if (script.sendResult != 1) {
-        breakOff(*error = {-7, "scripted"});
+        breakOff(*error = {RtmpFailureSend, "scripted"});
       }
       return script.sendResult;
     }
@@ -68,22 +64,15 @@ class FakeRtmp {
       ++script.closed;
       breakOff(*error);
     }
-    void abort() override {
-      ++script.aborted;
-      givenUp = true;
-    }
+    void abort() override { givenUp = ++script.aborted > 0; }
     void breakOff(const RTMPError& error) {
       connected = false;
-      if (callbacks.error != nullptr) {
-        callbacks.error(error, callbacks.userData);
-      }
+      callbacks.error(error, callbacks.userData);
     }
     bool step(const char* name, RTMPError* error) const {
-      if (!givenUp && script.failAt != name) {
-        return true;
-      }
-      *error = {-3, "scripted"};
-      return false;
+      const bool fails = givenUp || script.failAt == name;
+      *error = fails ? RTMPError{RtmpFailureConnect, "scripted"} : *error;
+      return !fails;
     }
 
     FakeRtmp& script;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tests/support/Process.h"
+#include "zellive/platform/linux/Descriptor.h"
 
 namespace zellive::test {
 
@@ -19,35 +20,26 @@ class NetworkNamespace {
   /// The calling thread, and what it starts, is inside while this lives.
   class Stay {
    public:
-    explicit Stay(const NetworkNamespace& inside) { setns(inside.descriptor_, CLONE_NEWNET); }
-    ~Stay() {
-      setns(home_, CLONE_NEWNET);
-      close(home_);
-    }
+    explicit Stay(const NetworkNamespace& inside) { setns(inside.descriptor_.get(), CLONE_NEWNET); }
+    ~Stay() { setns(home_.get(), CLONE_NEWNET); }
     Stay(const Stay&) = delete;
     Stay& operator=(const Stay&) = delete;
 
    private:
-    const int home_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const Descriptor home_ = present();
   };
 
   /// Throws std::runtime_error with what is missing where this process may not make one.
   NetworkNamespace() {
-    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int error = unshare(CLONE_NEWNET) == 0 ? 0 : errno;
-    descriptor_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    setns(home, CLONE_NEWNET);
-    close(home);
-    if (error != 0) {
-      close(descriptor_);
+    const Descriptor home = present();
+    if (unshare(CLONE_NEWNET) != 0) {
       throw std::runtime_error(std::string("a network namespace cannot be made (it takes root, or CAP_SYS_ADMIN): ") +
-                               std::strerror(error));
+                               std::strerror(errno));
     }
+    descriptor_ = present();
+    setns(home.get(), CLONE_NEWNET);
     run("ip link set lo up");
   }
-  ~NetworkNamespace() { close(descriptor_); }
-  NetworkNamespace(const NetworkNamespace&) = delete;
-  NetworkNamespace& operator=(const NetworkNamespace&) = delete;
 
   /// Runs shell commands inside. Throws std::runtime_error when one fails.
   void run(const std::string& commands) const {
@@ -58,11 +50,12 @@ class NetworkNamespace {
   }
   /// For commands outside that put a link in here: `ip link set NAME netns PATH`.
   [[nodiscard]] std::string path() const {
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor_);
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor_.get());
   }
 
  private:
-  int descriptor_ = -1;
+  static Descriptor present() { return Descriptor(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)); }
+  Descriptor descriptor_;
 };
 
 }  // namespace zellive::test

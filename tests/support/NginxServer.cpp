@@ -40,12 +40,12 @@ rtmp {
 
 bool NginxServer::available() { return access(module, R_OK) == 0 && access(program, X_OK) == 0; }
 
-NginxServer::NginxServer(const std::string& address) {
+NginxServer::NginxServer() {
   const std::string& directory = directory_.path();
   std::ofstream(directory + "/nginx.conf")
       << "load_module " << module << ";\n"
       << (geteuid() == 0 ? "user root;" : "")  // Ordinary users cannot change theirs.
-      << configuration << "record_path " << directory << ";\n}\nlisten " << address << ":" << rtmpPort_ << ";\n}\n}\n";
+      << configuration << "record_path " << directory << ";\n}\nlisten 127.0.0.1:" << rtmpPort_ << ";\n}\n}\n";
   start();
 }
 
@@ -53,10 +53,7 @@ void NginxServer::start() {
   const std::string& directory = directory_.path();
   process_ = std::make_unique<Process>(std::vector<std::string>{
       program, "-p", directory, "-c", directory + "/nginx.conf", "-e", directory + "/error.log"});
-  const auto answers = [this] {
-    const int descriptor = connectToLoopback(rtmpPort_);
-    return descriptor >= 0 && close(descriptor) == 0;
-  };
+  const auto answers = [this] { return static_cast<bool>(connectToLoopback(rtmpPort_)); };
   if (!waitUntil([&] { return process_->waitFor(0ms) || answers(); }, 10s) || process_->waitFor(0ms)) {
     throw std::runtime_error("nginx does not answer: " + process_->errors() + log());
   }
@@ -65,14 +62,6 @@ void NginxServer::start() {
 void NginxServer::kill() {
   process_->signal(SIGKILL);
   (void)process_->waitFor(10s);
-}
-
-std::string NginxServer::url(const std::string& stream, const std::string& application) const {
-  return "rtmp://127.0.0.1:" + std::to_string(rtmpPort_) + "/" + application + "/" + stream;
-}
-
-std::string NginxServer::recording(const std::string& stream) const {
-  return directory_.path() + "/" + stream + ".flv";
 }
 
 std::string NginxServer::finishedRecording(const std::string& stream) const {

@@ -14,14 +14,18 @@ namespace zellive::test {
 class NginxServer {
  public:
   /// Starts it and waits until it answers. Throws std::runtime_error when it does not.
-  explicit NginxServer(const std::string& address = "127.0.0.1");
+  NginxServer();
   /// Whether nginx and its module are installed.
   [[nodiscard]] static bool available();
 
   [[nodiscard]] std::uint16_t rtmpPort() const { return rtmpPort_; }
-  [[nodiscard]] std::string url(const std::string& stream, const std::string& application = "live") const;
+  [[nodiscard]] std::string url(const std::string& stream, const std::string& application = "live") const {
+    return "rtmp://127.0.0.1:" + std::to_string(rtmpPort_) + "/" + application + "/" + stream;
+  }
   /// Where "live" records a stream.
-  [[nodiscard]] std::string recording(const std::string& stream) const;
+  [[nodiscard]] std::string recording(const std::string& stream) const {
+    return directory_.path() + "/" + stream + ".flv";
+  }
   /// The same, once nginx has closed the file: the publisher is gone for the server as well. Throws
   /// std::runtime_error with nginx's log when that does not come about.
   [[nodiscard]] std::string finishedRecording(const std::string& stream) const;

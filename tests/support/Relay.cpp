@@ -1,33 +1,44 @@
 #include "tests/support/Relay.h"
 
+#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <stdexcept>
+#include <chrono>
 
 namespace zellive::test {
 namespace {
 
 /// More than a publisher needs to open its stream, less than a tenth of a second of it.
 constexpr std::size_t kOpening = 6000;
-constexpr int kBacklog = 16;
-constexpr std::size_t kAtOnce = 4096;
 /// How often everything is looked at.
 constexpr std::chrono::milliseconds kTurn{2};
 
-void keepSmall(const Descriptor& socket) {
+void keepSmall(int socket) {
   constexpr int size = 16 * 1024;
-  setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
+/// With a port that it asks for by number, which stays its own while nobody listens.
+LoopbackAddress addressOf(std::uint32_t address) {
+  LoopbackAddress result(AF_INET, freePort());
+  result.four.sin_addr.s_addr = htonl(address);
+  return result;
+}
+
+bool gone(const Descriptor& socket) {
+  pollfd end{socket.get(), POLLRDHUP, 0};
+  return poll(&end, 1, 0) != 0;
 }
 
 /// Moves what has come and can go, `room` bytes at most: 0 when that is nothing at present, −1 when either side has
 /// gone.
-ssize_t pass(const Descriptor& from, const Descriptor& to, std::size_t room) {
-  std::array<char, kAtOnce> buffer{};
-  auto moved = recv(from.get(), buffer.data(), std::min(room, kAtOnce), MSG_PEEK | MSG_DONTWAIT);
+ssize_t pass(const Descriptor& from, const Descriptor& to, std::size_t room = SIZE_MAX) {
+  std::array<char, 4096> buffer{};
+  auto moved = recv(from.get(), buffer.data(), std::min(room, buffer.size()), MSG_PEEK | MSG_DONTWAIT);
   if (moved > 0) {
     moved = send(to.get(), buffer.data(), static_cast<std::size_t>(moved), MSG_NOSIGNAL | MSG_DONTWAIT);
   } else if (moved == 0) {
@@ -41,8 +52,9 @@ ssize_t pass(const Descriptor& from, const Descriptor& to, std::size_t room) {
 
 }  // namespace
 
-Relay::Relay(std::uint16_t serverPort, std::uint32_t address) : serverPort_(serverPort), address_(address) {
-  setConduct(Conduct::Pass);
+Relay::Relay(std::uint16_t serverPort, std::uint32_t address) : serverPort_(serverPort), listener_(addressOf(address)) {
+  keepSmall(listener_.descriptor());  // And so those that it accepts.
+  fcntl(listener_.descriptor(), F_SETFL, O_NONBLOCK);
   thread_ = std::thread([this] { run(); });
 }
 
@@ -56,40 +68,17 @@ Relay::~Relay() {
   thread_.join();
 }
 
-/// A socket on the relay's port, which is a free one at first.
-Descriptor Relay::bound() {
-  Descriptor descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const int on = 1;
-  setsockopt(descriptor.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  keepSmall(descriptor);
-  LoopbackAddress address(AF_INET, port_);
-  address.four.sin_addr.s_addr = htonl(address_);
-  socklen_t length = sizeof address.four;
-  if (bind(descriptor.get(), &address.any, length) != 0 || getsockname(descriptor.get(), &address.any, &length) != 0) {
-    throw std::runtime_error("the relay has no port");
-  }
-  port_ = ntohs(address.four.sin_port);
-  return descriptor;
-}
-
 void Relay::setConduct(Conduct conduct) {
   const std::lock_guard lock(mutex_);
   const bool none = conduct == Conduct::Refuse || conduct == Conduct::Silent || conduct == Conduct::HangUp;
   std::erase_if(links_, [&](const Link& link) { return none || !link.client || !link.server; });
-  filler_ = {};
-  if (conduct == Conduct::Refuse) {
-    listener_ = {};
-  } else {
-    listener_ = listener_ ? std::move(listener_) : bound();
-    listen(listener_.get(), conduct == Conduct::Swallow ? 0 : kBacklog);
-  }
-  if (conduct == Conduct::Swallow) {  // With no room for a second one, the kernel drops all further requests.
-    filler_ = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const LoopbackAddress address(AF_INET, port_);
-    (void)connect(filler_.get(), &address.any, sizeof address.four);
-  }
   for (Link& link : links_) {
     link.client = conduct == Conduct::KeepName ? Descriptor() : std::move(link.client);
+  }
+  if (conduct != Conduct::Refuse) {
+    listen(listener_.descriptor(), 16);
+  } else if (conduct_ != Conduct::Refuse) {  // Shut down twice, it would pass that on to those that it accepts later.
+    shutdown(listener_.descriptor(), SHUT_RDWR);
   }
   conduct_ = conduct;
   changed_.notify_all();
@@ -107,31 +96,28 @@ void Relay::run() {
     const auto now = std::chrono::steady_clock::now();
     const double seconds = std::chrono::duration<double>(now - std::exchange(last, now)).count();
     std::erase_if(links_, [&](Link& link) { return !serve(link, seconds); });
-    acceptAll();
-    if (listener_) {
-      changed_.wait_for(lock, kTurn);
-    } else {
+    if (conduct_ == Conduct::Refuse) {
       changed_.wait(lock);  // Nobody can come, and nobody is there.
+    } else {
+      acceptAll();
+      changed_.wait_for(lock, kTurn);
     }
   }
 }
 
 void Relay::acceptAll() {
-  while (listener_ && conduct_ != Conduct::Swallow) {
-    Link link;
-    link.client = Descriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  while (conduct_ != Conduct::Swallow) {
+    Link link{Descriptor(accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC)), {}};
     if (!link.client) {
       return;
     }
-    keepSmall(link.client);
     if (conduct_ != Conduct::Silent && conduct_ != Conduct::HangUp) {
-      link.server = Descriptor(connectToLoopback(serverPort_));
-      if (!link.server) {
-        continue;
-      }
-      keepSmall(link.server);
+      link.server = connectToLoopback(serverPort_);
+      keepSmall(link.server.get());
     }
-    links_.push_back(std::move(link));
+    if (link.server || conduct_ == Conduct::Silent) {
+      links_.push_back(std::move(link));
+    }
   }
 }
 
@@ -142,38 +128,28 @@ bool Relay::serve(Link& link, double seconds) const {
   if (conduct_ == Conduct::Swallow || !link.client) {
     return true;
   }
-  for (ssize_t moved = link.server ? 1 : 0; moved != 0;) {
-    moved = pass(link.server, link.client, kAtOnce);
-    if (moved < 0) {
-      return false;
-    }
+  if (conduct_ == Conduct::Silent) {
+    return !gone(link.client);
   }
-  pollfd client{link.client.get(), POLLRDHUP, 0};
-  poll(&client, 1, 0);
-  const auto end = [&](bool withReset) {  // A reset overtakes the bytes on its way that nobody takes.
-    const linger now{1, 0};
-    withReset ? setsockopt(link.server.get(), SOL_SOCKET, SO_LINGER, &now, sizeof now) : 0;
-    return false;
-  };
-  const bool reset = (client.revents & POLLERR) != 0;
-  const bool unread = conduct_ == Conduct::Silent || (conduct_ == Conduct::StopReading && link.passed >= kOpening);
-  for (ssize_t moved = 1; !unread && moved != 0;) {
+  ssize_t moved = 1;
+  while (moved > 0) {
+    moved = pass(link.server, link.client);
+  }
+  const bool stops = conduct_ == Conduct::CutMessages || conduct_ == Conduct::StopReading;
+  while (moved >= 0) {
     auto room = static_cast<std::size_t>(std::min(link.allowance, 1e9));
-    if (conduct_ == Conduct::CutMessages || conduct_ == Conduct::StopReading) {
-      room = std::min(room, kOpening - std::min(link.passed, kOpening));
-    }
+    room = stops ? std::min(room, kOpening - std::min(link.passed, kOpening)) : room;
     if (room == 0) {
-      return conduct_ != Conduct::CutMessages || link.passed < kOpening;
+      return !stops || link.passed < kOpening || (conduct_ == Conduct::StopReading && !gone(link.client));
     }
     moved = pass(link.client, link.server, room);
-    if (moved < 0) {
-      return end(reset);
+    if (moved == 0) {
+      return true;
     }
-    link.passed += static_cast<std::size_t>(moved);
+    link.passed += static_cast<std::size_t>(std::max<ssize_t>(moved, 0));
     link.allowance -= static_cast<double>(moved);
   }
-  // Whoever has gone, with bytes left that the server does not take or that nobody reads, will not be heard of again.
-  return client.revents == 0 || end(reset || !unread);
+  return false;
 }
 
 }  // namespace zellive::test

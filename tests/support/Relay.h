@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include "tests/support/Sockets.h"
-#include "zellive/platform/linux/Descriptor.h"
 
 namespace zellive::test {
 
@@ -19,10 +17,10 @@ class Relay {
  public:
   enum class Conduct {
     Pass,
-    Swallow,      ///< Nothing comes through, not even the request for a connection or the end of one.
+    Swallow,      ///< Nothing comes through, not even the end of a connection.
     Refuse,       ///< Nobody listens, and all connections are gone.
     Silent,       ///< Connections are accepted; nothing is ever said on them. Those that were open are gone.
-    HangUp,       ///< Connections end with their first bytes. Those that were open are gone.
+    HangUp,       ///< Connections are accepted and ended. Those that were open are gone.
     StopReading,  ///< Of each connection nothing is read once its stream has begun; answers come through.
     CutMessages,  ///< Each connection ends at an arbitrary byte once its stream has begun.
     KeepName,     ///< Those that were open are gone for the client, and stay for the server. Others pass.
@@ -34,7 +32,7 @@ class Relay {
   Relay(const Relay&) = delete;
   Relay& operator=(const Relay&) = delete;
 
-  [[nodiscard]] std::uint16_t port() const { return port_; }
+  [[nodiscard]] std::uint16_t port() const { return listener_.port(); }
   /// Holds when this returns. What a former conduct kept back is let go of.
   void setConduct(Conduct conduct);
   /// Bytes a second of each connection towards the server; answers pass at once.
@@ -48,20 +46,15 @@ class Relay {
     double allowance = 0;
   };
 
-  Descriptor bound();
   void run();
   void acceptAll();
   [[nodiscard]] bool serve(Link& link, double seconds) const;
 
   const std::uint16_t serverPort_;
-  const std::uint32_t address_;
-  std::uint16_t port_ = 0;
+  const LoopbackListener listener_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  const Descriptor reserved_ = bound();  ///< Keeps the port while nobody listens.
-  Descriptor listener_;
-  Descriptor filler_;  ///< The connection that fills the queue of those who ask for one.
-  Conduct conduct_ = Conduct::Refuse;
+  Conduct conduct_ = Conduct::Pass;
   double rate_ = 1e12;
   bool stop_ = false;
   std::vector<Link> links_;

@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "zellive/platform/linux/Descriptor.h"
+
 namespace zellive::test {
 
-/// The address of a loopback port, AF_INET or AF_INET6. The port stands in the same place in both.
+/// A port of the loopback, AF_INET or AF_INET6. The port stands in the same place in both.
 union LoopbackAddress {
   LoopbackAddress(int family, std::uint16_t port) : six{} {
     if (family == AF_INET) {
@@ -25,44 +27,38 @@ union LoopbackAddress {
   sockaddr_in6 six;
 };
 
-/// A listening TCP socket on a free loopback port, closed with the object. Throws std::runtime_error when there is none
-/// to be had, as with IPv6 on some machines. With a backlog of 0 a single connection waits and others go unanswered.
+/// A listening TCP socket, on a free loopback port unless it says otherwise. Throws std::runtime_error when there is
+/// none to be had, as with IPv6 on some machines.
 class LoopbackListener {
  public:
-  explicit LoopbackListener(int family = AF_INET, int backlog = 16)
-      : descriptor_(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    LoopbackAddress address(family, 0);
+  LoopbackListener() : LoopbackListener(LoopbackAddress(AF_INET, 0)) {}
+  explicit LoopbackListener(LoopbackAddress address)
+      : socket_(::socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    constexpr int on = 1;
+    setsockopt(descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     socklen_t length = sizeof address;
-    if (bind(descriptor_, &address.any, length) != 0 || listen(descriptor_, backlog) != 0 ||
-        getsockname(descriptor_, &address.any, &length) != 0) {
-      close(descriptor_);
+    if (bind(descriptor(), &address.any, length) != 0 || listen(descriptor(), 16) != 0 ||
+        getsockname(descriptor(), &address.any, &length) != 0) {
       throw std::runtime_error("cannot listen on the loopback");
     }
     port_ = ntohs(address.six.sin6_port);
   }
-  ~LoopbackListener() { close(descriptor_); }
-  LoopbackListener(const LoopbackListener&) = delete;
-  LoopbackListener& operator=(const LoopbackListener&) = delete;
   [[nodiscard]] std::uint16_t port() const { return port_; }
-  [[nodiscard]] int descriptor() const { return descriptor_; }
+  [[nodiscard]] int descriptor() const { return socket_.get(); }
 
  private:
-  const int descriptor_;
+  Descriptor socket_;
   std::uint16_t port_ = 0;
 };
 
 /// A port that was free a moment ago.
 [[nodiscard]] inline std::uint16_t freePort() { return LoopbackListener().port(); }
 
-/// A connection to a loopback port; -1 when nobody listens there.
-[[nodiscard]] inline int connectToLoopback(std::uint16_t port) {
-  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+/// A connection to a loopback port; none when nobody listens there.
+[[nodiscard]] inline Descriptor connectToLoopback(std::uint16_t port) {
+  Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const LoopbackAddress address(AF_INET, port);
-  if (connect(descriptor, &address.any, sizeof address) == 0) {
-    return descriptor;
-  }
-  close(descriptor);
-  return -1;
+  return connect(socket.get(), &address.any, sizeof address) == 0 ? std::move(socket) : Descriptor();
 }
 
 }  // namespace zellive::test

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <climits>
 #include <map>
 #include <random>
 
@@ -12,7 +13,6 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kHandshakeSize = 1536;
-constexpr std::uint32_t kExtended = 0xFFFFFF;
 
 struct ConnectionOver {};
 struct Malformed {};
@@ -37,59 +37,51 @@ std::string information(const char* level, const char* code, const std::string& 
          std::string("\0\0\x09", 3);
 }
 
-/// The command that a message is; empty when it is none.
-std::string commandOf(const WireMessage& message) {
-  if (message.type != 20 || message.body.size() <= 3) {
-    return "";
-  }
-  const std::size_t length = message.body[1] << 8 | message.body[2];
-  if (message.body.size() < 3 + length + 9) {
-    throw Malformed{};  // A command without a transaction.
-  }
-  return {message.body.begin() + 3, message.body.begin() + 3 + static_cast<std::ptrdiff_t>(length)};
-}
-
 }  // namespace
 
-struct WireServer::Client {
-  explicit Client(int socket) : descriptor(socket) {}
-  ~Client() {
-    thread.join();
-    ::close(descriptor);
+std::string WireMessage::command() const {
+  if (type != 20 || body.size() <= 3) {
+    return "";
   }
+  const std::size_t length = body[1] << 8 | body[2];
+  if (body.size() < 3 + length + 9) {
+    throw Malformed{};  // A command without a transaction.
+  }
+  return {body.begin() + 3, body.begin() + 3 + static_cast<std::ptrdiff_t>(length)};
+}
+
+struct WireServer::Client {
+  explicit Client(int accepted) : socket(accepted) {}
+  ~Client() { thread.join(); }
 
   Bytes read(std::size_t count) {
     Bytes bytes(count);
-    if (::recv(descriptor, bytes.data(), count, MSG_WAITALL) != static_cast<ssize_t>(count)) {
+    if (::recv(socket.get(), bytes.data(), count, MSG_WAITALL) != static_cast<ssize_t>(count)) {
       throw ConnectionOver{};
     }
     return bytes;
   }
   std::uint32_t readNumber(std::size_t size) { return bigEndian(read(size)); }
-  void write(const Bytes& bytes) { (void)!::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-  /// A command of one chunk: no answer of ours needs more.
-  void writeCommand(std::uint8_t chunkStream, std::uint8_t streamId, const std::string& body) {
-    Bytes bytes{chunkStream, 0, 0, 0, 0, 0, static_cast<std::uint8_t>(body.size()), 20, streamId, 0, 0, 0};
-    bytes.insert(bytes.end(), body.begin(), body.end());
-    write(bytes);
-  }
-  [[noreturn]] void reset() {
-    const sockaddr nobody{AF_UNSPEC, {}};
-    (void)::connect(descriptor, &nobody, sizeof nobody);
-    throw ConnectionOver{};
+  void write(const auto& bytes) { (void)!::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  /// Reads nothing more; sees only the end of the connection.
+  void waitForEnd() {
+    pollfd hangUp{socket.get(), POLLRDHUP, 0};
+    ::poll(&hangUp, 1, -1);
   }
 
   void handshake(WireFault fault);
   /// Says what a server says to such a command.
   void answer(const WireMessage& message, WireFault fault);
-  /// The next whole message.
   WireMessage nextMessage();
 
+  /// A chunk stream's latest message. The next one's header leans on it.
   struct Channel {
-    WireMessage message;  // The one that comes in pieces; between two, the latter's header leans on the former's.
-    std::uint32_t length = 0;
+    std::uint32_t headerType = 0, field = 0, timestamp = 0, length = 0, stream = 0, chunks = 0;
+    std::uint8_t type = 0;
+    bool extended = false;
+    Bytes body;
   };
-  const int descriptor;
+  const Descriptor socket;
   std::thread thread;
   std::map<std::uint32_t, Channel> channels;
   std::uint32_t chunkSize = 128;
@@ -109,88 +101,105 @@ void WireServer::Client::handshake(WireFault fault) {
   read(kHandshakeSize);
 }
 
+/// Reads chunks until one ends a message.
 WireMessage WireServer::Client::nextMessage() {
   for (;;) {
     const auto basic = readNumber(1);
-    const auto headerType = static_cast<std::uint8_t>(basic >> 6);
-    auto& [message, length] = channels[basic & 0x3F];
-    const bool begins = message.chunks++ == 0;
+    const auto headerType = basic >> 6;
+    auto& channel = channels[basic & 0x3F];
+    const bool begins = channel.chunks++ == 0;
     if ((basic & 0x3F) < 2 || (!begins && headerType != 3)) {
       throw Malformed{};  // An id below 2 stands for one of two or three bytes, which no publisher of ours needs.
     }
     if (headerType <= 2) {
-      message.timestampField = readNumber(3);
-      message.extendedTimestamp = message.timestampField == kExtended;
+      channel.field = readNumber(3);
+      channel.extended = channel.field == 0xFFFFFF;
     }
     if (headerType <= 1) {
-      length = readNumber(3);
-      message.type = static_cast<std::uint8_t>(readNumber(1));
+      channel.length = readNumber(3);
+      channel.type = static_cast<std::uint8_t>(readNumber(1));
     }
     if (headerType == 0) {
-      message.streamId = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
+      channel.stream = __builtin_bswap32(readNumber(4));  // The one number that RTMP writes little-endian.
     }
-    if (message.extendedTimestamp) {
+    if (channel.extended) {
       const auto field = readNumber(4);
-      if (headerType == 3 && field != message.timestampField) {
+      if (headerType == 3 && field != channel.field) {
         throw Malformed{};
       }
-      message.timestampField = field;
+      channel.field = field;
     }
     if (begins) {
-      message.chunkStream = basic & 0x3F;
-      message.headerType = headerType;
-      message.timestamp = message.timestampField + (headerType == 0 ? 0 : message.timestamp);
+      channel.headerType = headerType;
+      channel.timestamp = channel.field + (headerType == 0 ? 0 : channel.timestamp);
     }
-    const Bytes piece = read(std::min<std::size_t>(chunkSize, length - message.body.size()));
-    message.body.insert(message.body.end(), piece.begin(), piece.end());
-    if (message.body.size() == length) {
-      const auto whole = message;
-      message.chunks = 0;
-      message.body.clear();
-      chunkSize = whole.type == 1 ? bigEndian(whole.body) : chunkSize;
-      return whole;
+    const Bytes piece = read(std::min<std::size_t>(chunkSize, channel.length - channel.body.size()));
+    channel.body.insert(channel.body.end(), piece.begin(), piece.end());
+    if (channel.body.size() == channel.length) {
+      const auto number = [](char sign, std::uint32_t value) { return sign + std::to_string(value); };
+      const auto header = std::to_string(basic & 0x3F) + number(':', channel.headerType) + " " +
+                          number(channel.extended ? 'x' : '+', channel.field) + " " + number('=', channel.timestamp) +
+                          " s" + std::to_string(channel.stream) + " c" + std::to_string(channel.chunks);
+      channel.chunks = 0;
+      if (channel.type == 1) {
+        chunkSize = bigEndian(channel.body);
+      }
+      return {header, channel.type, channel.timestamp, std::exchange(channel.body, {}), {}};
     }
   }
 }
 
 void WireServer::Client::answer(const WireMessage& message, WireFault fault) {
-  const auto name = commandOf(message);
+  const auto name = message.command();
   const auto reply = [&](const char* what) {
     const auto transaction = message.body.begin() + 3 + static_cast<std::ptrdiff_t>(name.size());
-    return '\2' + counted(what) +
-           (name == "publish" ? std::string(9, '\0') : std::string(transaction, transaction + 9)) + '\5';
+    return '\2' + counted(what) + std::string(transaction, transaction + 9) + '\5';
+  };
+  // In one chunk: no answer of ours needs more.
+  const auto write = [this](std::uint8_t chunkStream, std::uint8_t stream, const std::string& body) {
+    Bytes bytes{chunkStream, 0, 0, 0, 0, 0, static_cast<std::uint8_t>(body.size()), 20, stream, 0, 0, 0};
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    this->write(bytes);
   };
   if (name == "connect") {
     if (fault == WireFault::ResetAfterConnect) {
       nextMessage();  // The chunk size, which the client sends before it waits for the answer.
     }
-    writeCommand(3, 0,
-                 fault == WireFault::RefuseConnect
-                     ? reply("_error") + information("error", "NetConnection.Connect.Rejected", "by the test")
-                     : reply("_result") + information("status", "NetConnection.Connect.Success", "by the test"));
+    fault == WireFault::RefuseConnect
+        ? write(3, 0, reply("_error") + information("error", "NetConnection.Connect.Rejected", "by the test"))
+        : write(3, 0, reply("_result") + information("status", "NetConnection.Connect.Success", "by the test"));
     if (fault == WireFault::ResetAfterConnect) {
-      reset();
+      const sockaddr nobody{AF_UNSPEC, {}};
+      (void)::connect(socket.get(), &nobody, sizeof nobody);
+      throw ConnectionOver{};
     }
   } else if (name == "createStream" && fault == WireFault::CloseAfterConnect) {
     throw ConnectionOver{};
   } else if (name == "createStream" && fault != WireFault::SilentAfterConnect) {
-    writeCommand(3, 0, reply("_result") + std::string("\0\x3F\xF0\0\0\0\0\0\0", 9));  // Stream 1.
+    write(3, 0, reply("_result") + std::string("\0\x3F\xF0\0\0\0\0\0\0", 9));  // Stream 1.
   } else if (name == "publish") {
     const auto stream = message.body.begin() + 23;  // Its name, behind a null and the name's length.
-    writeCommand(5, 1,
-                 reply("onStatus") + (fault == WireFault::RefusePublish
-                                          ? information("error", "NetStream.Publish.BadName",
-                                                        std::string(stream, stream + stream[-1]) + " is taken")
-                                          : information("status", "NetStream.Publish.Start", "by the test")));
+    fault == WireFault::RefusePublish
+        ? write(5, 1,
+                reply("onStatus") + information("error", "NetStream.Publish.BadName",
+                                                std::string(stream, stream + stream[-1]) + " is taken"))
+        : write(5, 1, reply("onStatus") + information("status", "NetStream.Publish.Start", "by the test"));
   }
 }
 
-WireServer::WireServer(WireFault fault, int receiveBuffer, int family)
-    : listener_(family), host_(family == AF_INET6 ? "[::1]" : "127.0.0.1"), fault_(fault) {
-  if (receiveBuffer > 0) {
-    ::setsockopt(listener_.descriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+WireServer::WireServer(WireFault fault, int family) : listener_(LoopbackAddress(family, 0)), fault_(fault) {
+  if (fault == WireFault::StopReading) {
+    constexpr int little = 16 * 1024;
+    ::setsockopt(listener_.descriptor(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
   }
-  acceptor_ = std::thread([this] { acceptLoop(); });
+  acceptor_ = std::thread([this] {
+    for (int socket = 0; (socket = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      const std::lock_guard lock(mutex_);
+      ++accepted_;
+      auto& client = clients_.emplace_back(socket);
+      client.thread = std::thread([this, &client] { serve(client); });
+    }
+  });
 }
 
 WireServer::~WireServer() {
@@ -201,84 +210,41 @@ WireServer::~WireServer() {
 }
 
 std::string WireServer::url(const std::string& name) const {
-  return "rtmp://" + host_ + ":" + std::to_string(port()) + "/live/" + name;
-}
-
-void WireServer::acceptLoop() {
-  for (int descriptor = 0; (descriptor = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-    const std::lock_guard lock(mutex_);
-    ++accepted_;
-    auto& client = clients_.emplace_back(descriptor);
-    client.thread = std::thread([this, &client] {
-      try {
-        serve(client);
-      } catch (const Malformed&) {
-        wellFormed_ = false;
-      } catch (const ConnectionOver&) {
-      }
-      ::shutdown(client.descriptor, SHUT_RDWR);
-      ++closed_;
-      changed_.notify_all();
-    });
-    changed_.notify_all();
-  }
+  sockaddr address{};
+  socklen_t length = sizeof address;
+  getsockname(listener_.descriptor(), &address, &length);
+  return std::string(address.sa_family == AF_INET6 ? "rtmp://[::1]:" : "rtmp://127.0.0.1:") + std::to_string(port()) +
+         "/live/" + name;
 }
 
 void WireServer::serve(Client& client) {
-  while (fault_ == WireFault::Silent) {
-    client.read(1);
-  }
-  client.handshake(fault_);
-  for (std::size_t mediaSeen = 0;;) {
-    if (mediaSeen >= 3 && fault_ == WireFault::StopReading) {
-      pollfd hangUp{client.descriptor, POLLRDHUP, 0};
-      ::poll(&hangUp, 1, -1);  // Nothing is read; only the end of the connection is seen.
-      throw ConnectionOver{};
+  try {
+    const int most = fault_ == WireFault::Silent ? 0 : fault_ == WireFault::StopReading ? 3 : INT_MAX;
+    most > 0 ? client.handshake(fault_) : void();
+    for (int frames = 0; frames < most;) {
+      auto message = client.nextMessage();
+      message.arrival = std::chrono::steady_clock::now();
+      frames += message.type == 8 || message.type == 9 ? 1 : 0;
+      {
+        const std::lock_guard lock(mutex_);
+        messages_.push_back(message);
+      }
+      client.answer(message, fault_);
     }
-    const auto message = client.nextMessage();
-    mediaSeen += message.type == 8 || message.type == 9 ? 1 : 0;
-    {
-      const std::lock_guard lock(mutex_);
-      messages_.push_back(message);
-    }
-    changed_.notify_all();
-    client.answer(message, fault_);
+    client.waitForEnd();
+  } catch (const Malformed&) {
+    wellFormed_ = false;
+  } catch (const ConnectionOver&) {
   }
+  ::shutdown(client.socket.get(), SHUT_RDWR);
+  ++closed_;
 }
 
-std::vector<WireMessage> WireServer::messages() const {
+std::vector<WireMessage> WireServer::messages(bool mediaOnly) const {
   const std::lock_guard lock(mutex_);
-  return messages_;
-}
-
-std::vector<WireMessage> WireServer::media() const {
-  auto all = messages();
-  std::erase_if(all, [](const WireMessage& m) { return m.type != 8 && m.type != 9 && m.type != 18; });
+  auto all = messages_;
+  std::erase_if(all, [&](const WireMessage& message) { return mediaOnly && !message.isMedia(); });
   return all;
-}
-
-std::vector<std::string> WireServer::commands() const {
-  std::vector<std::string> names;
-  std::ranges::transform(messages(), std::back_inserter(names), commandOf);
-  std::erase(names, "");
-  return names;
-}
-
-bool WireServer::waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!holds()) {
-    std::unique_lock lock(mutex_);
-    if (std::chrono::steady_clock::now() >= end) {
-      return false;
-    }
-    // The predicate takes the lock itself, so a change between it and this wait may be missed: look again soon.
-    changed_.wait_for(lock, std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
-bool WireServer::waitForMedia(std::size_t count) {
-  return waitUntil([&] { return media().size() >= count; });
 }
 
 void WireServer::inject(const std::vector<std::uint8_t>& bytes) {
@@ -291,7 +257,7 @@ void WireServer::inject(const std::vector<std::uint8_t>& bytes) {
 void WireServer::cut() {
   const std::lock_guard lock(mutex_);
   for (const auto& client : clients_) {
-    ::shutdown(client.descriptor, SHUT_RDWR);
+    ::shutdown(client.socket.get(), SHUT_RDWR);
   }
 }
 

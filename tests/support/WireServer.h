@@ -2,39 +2,32 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <list>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/Process.h"
 #include "tests/support/Sockets.h"
 
 namespace zellive::test {
 
 /// One message as it came over the wire.
 struct WireMessage {
-  std::uint32_t chunkStream = 0;
-  std::uint8_t headerType = 0;       ///< Of its first chunk: 0 to 3.
-  std::uint32_t timestampField = 0;  ///< As written: absolute with header type 0, else the difference; 32 bits.
-  bool extendedTimestamp = false;
-  std::uint32_t timestamp = 0;  ///< Absolute, modulo 2^32.
+  /// Chunk stream, header type of the first chunk, timestamp as it is written there ("x": extended) and what it comes
+  /// to modulo 2^32, message stream, number of chunks: "4:1 +20 =50 s1 c1".
+  std::string header;
   std::uint8_t type = 0;
-  std::uint32_t streamId = 0;
-  std::uint32_t chunks = 0;
+  std::uint32_t timestamp = 0;
   std::vector<std::uint8_t> body;
+  std::chrono::steady_clock::time_point arrival;
 
-  bool operator==(const WireMessage&) const = default;
-  /// Its header.
-  friend std::ostream& operator<<(std::ostream& out, const WireMessage& m) {
-    return out << "chunk stream " << m.chunkStream << ", header type " << int{m.headerType} << ", field "
-               << m.timestampField << (m.extendedTimestamp ? " extended" : "") << ", time " << m.timestamp << ", type "
-               << int{m.type} << ", stream " << m.streamId << ", " << m.chunks << " chunks, " << m.body.size() << " B";
-  }
+  [[nodiscard]] bool isMedia() const { return type == 8 || type == 9 || type == 18; }
+  [[nodiscard]] bool isSequenceHeader() const { return (type == 8 || type == 9) && body.at(1) == 0; }
+  /// The command that it is; empty when it is none.
+  [[nodiscard]] std::string command() const;
 };
 
 /// What the server does instead of serving, to find out how a client bears it.
@@ -47,15 +40,15 @@ enum class WireFault {
   SilentAfterConnect,  ///< Answers connect, then nothing more.
   RefuseConnect,       ///< NetConnection.Connect.Rejected.
   RefusePublish,       ///< NetStream.Publish.BadName.
-  StopReading,         ///< Stops reading after three media messages.
+  StopReading,         ///< Stops reading after three messages of sound and pictures.
 };
 
 /// A small RTMP server on a free loopback port which takes published streams apart chunk by chunk (Adobe RTMP
 /// 1.0, chapter 5), each connection on a thread of its own.
 class WireServer {
  public:
-  /// With a receive buffer of that many bytes; 0: the system's. Throws std::runtime_error where there is no IPv6.
-  explicit WireServer(WireFault fault = WireFault::None, int receiveBuffer = 0, int family = AF_INET);
+  /// Throws std::runtime_error where there is no such family.
+  explicit WireServer(WireFault fault = WireFault::None, int family = AF_INET);
   ~WireServer();
   WireServer(const WireServer&) = delete;
   WireServer& operator=(const WireServer&) = delete;
@@ -64,20 +57,20 @@ class WireServer {
   /// "rtmp://127.0.0.1:PORT/live/NAME"
   [[nodiscard]] std::string url(const std::string& name = "stream") const;
 
-  /// Every message of every connection so far, commands and control included.
-  [[nodiscard]] std::vector<WireMessage> messages() const;
-  /// Audio (8), video (9) and data (18) messages only.
-  [[nodiscard]] std::vector<WireMessage> media() const;
-  /// Names of the commands that came: "connect", "publish", "deleteStream" …
-  [[nodiscard]] std::vector<std::string> commands() const;
+  /// Every message of every connection so far, or those of sound, pictures and data only.
+  [[nodiscard]] std::vector<WireMessage> messages(bool mediaOnly = false) const;
+  [[nodiscard]] std::vector<WireMessage> media() const { return messages(true); }
+  /// So far.
   [[nodiscard]] std::size_t connections() const { return accepted_; }
   /// Whether the client's bytes could always be parsed.
   [[nodiscard]] bool wellFormed() const { return wellFormed_; }
-  /// Waits until the predicate holds; looked at after each message, connection and close. False after `limit`.
-  bool waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds limit = std::chrono::seconds(10));
-  bool waitForMedia(std::size_t count);
-  /// Connections that have ended, by whomever.
-  [[nodiscard]] std::size_t closed() const { return closed_; }
+  bool waitForMedia(std::size_t count) {
+    return waitUntil([&] { return media().size() >= count; }, std::chrono::seconds(30));
+  }
+  /// Waits until every connection has ended.
+  bool waitForEnd() {
+    return waitUntil([&] { return closed_ == accepted_; }, std::chrono::seconds(30));
+  }
 
   /// Sends these bytes as they are on every open connection.
   void inject(const std::vector<std::uint8_t>& bytes);
@@ -86,20 +79,17 @@ class WireServer {
 
  private:
   struct Client;
-  void acceptLoop();
   void serve(Client& client);
 
   const LoopbackListener listener_;
-  const std::string host_;
   const WireFault fault_;
-  std::thread acceptor_;
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
   std::list<Client> clients_;
   std::vector<WireMessage> messages_;
   std::atomic<std::size_t> accepted_{0};
   std::atomic<std::size_t> closed_{0};
   std::atomic<bool> wellFormed_{true};
+  std::thread acceptor_;
 };
 
 }  // namespace zellive::test

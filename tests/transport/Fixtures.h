@@ -15,7 +15,9 @@
 
 namespace zellive::test {
 
+using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
+using Frame = std::shared_ptr<const ZelFrame>;
 
 inline Bytes join(const std::vector<Bytes>& parts) {
   Bytes all;
@@ -25,16 +27,16 @@ inline Bytes join(const std::vector<Bytes>& parts) {
   return all;
 }
 
+/// Empty pieces are absent.
+inline Data asData(const Bytes& bytes) { return bytes.empty() ? Data() : Data::copyOf(bytes); }
+
 struct VideoParts {
   bool key = true;
   Bytes data = {0x65, 1};
-  Bytes sps = {0x67, 0x64, 0x00, 0x1F};  ///< Empty: absent, as is the PPS.
+  Bytes sps = {0x67, 0x64, 0x00, 0x1F};
   Bytes pps = {0x68, 0xEE};
 };
-
-inline Data asData(const Bytes& bytes) { return bytes.empty() ? Data() : Data::copyOf(bytes); }
-
-inline std::shared_ptr<const ZelFrame> video(std::uint64_t timestamp, const VideoParts& parts = {}) {
+inline Frame video(std::uint64_t timestamp, const VideoParts& parts = {}) {
   auto frame = std::make_shared<ZelLiveVideoFrame>();
   frame->timestamp = timestamp;
   frame->isKeyFrame = parts.key;
@@ -44,8 +46,7 @@ inline std::shared_ptr<const ZelFrame> video(std::uint64_t timestamp, const Vide
   return frame;
 }
 
-inline std::shared_ptr<const ZelFrame> audio(std::uint64_t timestamp, const Bytes& data = {1, 2, 3, 4},
-                                             const Bytes& info = {0x11, 0x88}) {
+inline Frame audio(std::uint64_t timestamp, const Bytes& data = {1, 2, 3, 4}, const Bytes& info = {0x11, 0x88}) {
   auto frame = std::make_shared<ZelLiveAudioFrame>();
   frame->timestamp = timestamp;
   frame->data = asData(data);
@@ -82,8 +83,7 @@ class Story {
   /// False when it is not told so often within a time that no fault takes.
   [[nodiscard]] bool waitFor(char letter, std::ptrdiff_t times = 1) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30),
-                             [&] { return std::ranges::count(letters_, letter) >= times; });
+    return changed_.wait_for(lock, 30s, [&] { return std::ranges::count(letters_, letter) >= times; });
   }
 
  private:
@@ -95,6 +95,7 @@ class Story {
 /// The story of a publisher, or of a send buffer, with its numbers: those are for tests whose queues all run on one
 /// thread.
 struct Reports : Story, ZelStreamSocketDelegate, ZelStreamingBufferDelegate {
+  using Trends = std::vector<ZelStreamingBufferState>;
   void socketStatus(ZelStreamRtmpSocket&, std::uint64_t status) override { noteStatus(status); }
   void socketDidErrorCode(ZelStreamRtmpSocket&, std::uint64_t code) override { noteError(code); }
   void socketRequestNewUrl(ZelStreamRtmpSocket&) override { note('U'); }
@@ -104,7 +105,7 @@ struct Reports : Story, ZelStreamSocketDelegate, ZelStreamingBufferDelegate {
   void streamingBufferState(ZelStreamingBuffer&, ZelStreamingBufferState state) override { trends.push_back(state); }
   void streamingBufferCount(ZelStreamingBuffer&, std::uint64_t count) override { counts.push_back(count); }
 
-  std::vector<ZelStreamingBufferState> trends;
+  Trends trends;
   std::vector<std::uint64_t> counts;
   std::vector<ZelLiveDebug> statistics;
 };
