@@ -16,12 +16,15 @@
 
 namespace zellive::test {
 
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
 /// An encoder that answers each chunk at once with one unit of two bytes.
 struct InstantAudioEncoder : AudioConverterService {
   struct Converter : AudioConverter {
     int setEncodeBitRate(std::uint32_t) override { return 0; }
     int convert(std::span<const std::uint8_t>, std::uint64_t reference, const OutputHandler& output) override {
-      output(reference, Data::copyOf(std::vector<std::uint8_t>{0x21, 0x10}));
+      output(reference, Data::copyOf(Bytes{0x21, 0x10}));
       return 0;
     }
   };
@@ -47,17 +50,18 @@ struct ScriptedRoom : QMZSdwan, QMZLoginManager, QMZAccount, std::enable_shared_
     urlRequests.push_back(std::move(completion));
   }
   void liveUpdateStatus(const QMZDictionary& status) override {
-    const auto text = [&](const char* key) { return std::get<std::string>(status.at(key).value); };
-    statuses.push_back(text("roomId") + " " + text("liveStatus"));
+    told += std::get<std::string>(status.at("liveStatus").value) + " ";
     onStatus();
   }
-  void livePostData(const QMZDictionary& data) override { figures.push_back(data); }
-  void stopLiveWithRoomId(const std::optional<std::string>& roomId) override { stops.push_back(roomId); }
+  void livePostData(const QMZDictionary& data) override {
+    for (const char* key : {"videoFPS", "audioFPS", "bitRate", "width", "height"}) {
+      told += std::to_string(static_cast<int>(std::get<double>(data.at(key).value))) + " ";
+    }
+  }
+  void stopLiveWithRoomId(const std::optional<std::string>& roomId) override { told += "stop " + roomId.value_or("-"); }
 
   std::vector<QMZCompletion> urlRequests;
-  std::vector<std::string> statuses;
-  std::vector<QMZDictionary> figures;
-  std::vector<std::optional<std::string>> stops;
+  std::string told;  ///< Statuses, figures, and the end.
   std::function<void()> onStatus = [] {};
 };
 
@@ -65,25 +69,25 @@ struct ScriptedRoom : QMZSdwan, QMZLoginManager, QMZAccount, std::enable_shared_
 /// the main queue.
 struct RecordingDelegate : ZelLiveSessionDelegate {
   explicit RecordingDelegate(std::shared_ptr<Queue> mainQueue) : main(std::move(mainQueue)) {}
-  void liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) override {
-    note("state " + std::to_string(state));
+  void liveSessionLiveStateDidChange(ZelLiveSession&, std::uint64_t state) override { note("state", state); }
+  void liveSessionErrorCode(ZelLiveSession&, std::uint64_t code) override { note("error", code); }
+  void liveSessionLiveBufferCount(ZelLiveSession&, std::uint64_t count) override { note("count", count); }
+  void liveSessionDebugInfo(ZelLiveSession&, const ZelLiveDebug& info) override {
+    note("figures", static_cast<std::uint64_t>(info.totalFrame));
   }
-  void liveSessionErrorCode(ZelLiveSession&, std::uint64_t code) override { note("error " + std::to_string(code)); }
-  void liveSessionLiveBufferCount(ZelLiveSession&, std::uint64_t count) override {
-    note("count " + std::to_string(count));
+  void note(const std::string& what, std::uint64_t number) {
+    heard += what + " " + std::to_string(number) + (main->isCurrent() ? ", " : " elsewhere, ");
   }
-  void liveSessionDebugInfo(ZelLiveSession&, const ZelLiveDebug&) override { note("figures"); }
-  void note(const std::string& what) { heard += what + (main->isCurrent() ? ", " : " elsewhere, "); }
   const std::shared_ptr<Queue> main;
   std::string heard;
 };
 
 /// Writes down what it hands to its publisher: "a21 K42 p42 s42 " are sound, a key frame, another picture and an SEI.
 struct ObservedSession : ZelLiveSession {
+  using ZelLiveSession::observeApplication;
   ObservedSession(AudioConfiguration audio, VideoConfiguration video, std::int64_t type,
                   std::shared_ptr<const Platform> platform)
       : ZelLiveSession(std::move(audio), std::move(video), type, std::move(platform)) {}
-  using ZelLiveSession::observeApplication;
   void pushSendBuffer(std::shared_ptr<const ZelFrame> frame) override {
     const auto nalType = frame->data.bytes()[0] & 0x1F;
     const char kind = frame->kind() == ZelFrameKind::Audio ? 'a' : nalType == 5 ? 'K' : nalType == 6 ? 's' : 'p';
@@ -103,6 +107,8 @@ class SessionTest : public ::testing::Test {
     manual.videoCompression = encoder;
     manual.audioConversion = std::make_shared<InstantAudioEncoder>();
     manual.companion = room;
+    info->setUrl("not a url");
+    info->roomId = "room";
   }
   ~SessionTest() override {
     session.reset();
@@ -113,24 +119,24 @@ class SessionTest : public ::testing::Test {
     session = std::make_shared<ObservedSession>(audio, video, type, platform ? platform : manual.platform());
     session->observeApplication();
     session->setReconnectInterval(1'000'000);
+    session->setDelegate(delegate);
   }
   void report(std::uint64_t status) { session->socketStatus(*publisher, status); }
   /// Makes, starts and connects.
-  void connect(std::int64_t type) {
-    make(type);
-    session->setDelegate(delegate);
+  void connect(std::int64_t type, std::shared_ptr<const Platform> platform = nullptr) {
+    make(type, std::move(platform));
     session->startLive(info);
     report(ZelStreamSocketStatusConnected);
     (void)heard();
   }
   /// 1024 samples of PCM, 21.33 ms.
   void pushAudio(int blocks = 1) {
-    for (int i = 0; i < blocks; ++i) {
-      session->pushAudio(std::vector<std::uint8_t>(2048));
+    for (; blocks > 0; --blocks) {
+      session->pushAudio(Bytes(2048));
     }
   }
   void pushPicture(int pictures = 1) {
-    for (int i = 0; i < pictures; ++i) {
+    for (; pictures > 0; --pictures) {
       session->pushVideo(PixelBuffer::create(PixelFormat::Planar, 72, 128));
       manual.runPending();
     }
@@ -141,12 +147,14 @@ class SessionTest : public ::testing::Test {
     pushPicture();
     (void)take();
   }
-  /// The encoder gives a NAL unit.
-  void give(std::uint8_t header, bool key) {
-    auto frame = std::make_shared<ZelLiveVideoFrame>();
-    frame->isKeyFrame = key;
-    frame->data = Data::copyOf(std::vector<std::uint8_t>{header, 1});
-    session->videoEncoderVideoFrame(*ZelHardwareVideoEncoder::create(video, manual.platform()), frame);
+  /// The encoder gives NAL units with these headers.
+  void give(const Bytes& headers) {
+    for (const auto header : headers) {
+      auto frame = std::make_shared<ZelLiveVideoFrame>();
+      frame->isKeyFrame = header != 0x41;
+      frame->data = Data::copyOf(Bytes{header, 1});
+      session->videoEncoderVideoFrame(*ZelHardwareVideoEncoder::create(video, manual.platform()), frame);
+    }
   }
   /// What was handed off since the last look, or how much of a kind.
   std::string take() { return std::exchange(session->handedOff, {}); }
@@ -156,6 +164,7 @@ class SessionTest : public ::testing::Test {
     manual.runPending();
     return std::exchange(delegate->heard, {});
   }
+  void post(const char* notification) { manual.notifications->post(notification); }
 
   std::shared_ptr<ObservedSession> session;
   ManualPlatform manual;
@@ -171,11 +180,7 @@ class SessionTest : public ::testing::Test {
   std::shared_ptr<ZelLiveAudioConfiguration> audio = ZelLiveAudioConfiguration::defaultConfiguration();
   std::shared_ptr<ZelLiveVideoConfiguration> video =
       std::make_shared<ZelLiveVideoConfiguration>(ZelLiveVideoQualityMedium, kPushed, 1, manual.device);
-  std::shared_ptr<ZelLiveStreamInfo> info = [] {
-    auto streamInfo = std::make_shared<ZelLiveStreamInfo>();
-    streamInfo->setUrl("not a url");
-    return streamInfo;
-  }();
+  std::shared_ptr<ZelLiveStreamInfo> info = std::make_shared<ZelLiveStreamInfo>();
   /// Stands for the session's own wherever a publisher tells something.
   const std::shared_ptr<ZelStreamRtmpSocket> publisher =
       ZelStreamRtmpSocket::create(info, 0, 0, ManualPlatform().platform());

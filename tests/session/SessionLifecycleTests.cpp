@@ -6,8 +6,6 @@
 namespace zellive::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 TEST_F(SessionTest, RefusesATypeWhoseConfigurationIsMissing) {
   const auto refusal = [&](std::int64_t type, const auto& sound, const auto& pictures) -> std::string {
     try {
@@ -24,8 +22,6 @@ TEST_F(SessionTest, RefusesATypeWhoseConfigurationIsMissing) {
 
 TEST_F(SessionTest, RunsFromTheStartOverAReconnectionToTheEnd) {
   make(kPushed);
-  session->setDelegate(delegate);
-  info->roomId = "room";
   session->startLive(nullptr);
   session->startLive(info);
   session->startLive(std::make_shared<ZelLiveStreamInfo>());
@@ -47,22 +43,12 @@ TEST_F(SessionTest, RunsFromTheStartOverAReconnectionToTheEnd) {
   EXPECT_EQ(log.count(LogLevel::Warning, "Live: videoCheck has been no video streaming since the beginning"), 1U);
   EXPECT_EQ(encoder->trace, "");
 
+  // A stream opens with a key frame that follows sound; the first sound asks for it.
   report(ZelStreamSocketStatusConnected);
   EXPECT_EQ(heard(), "state 2, ");
-  EXPECT_EQ(session->state(), 2U);
-  manual.advance(9999ms);
-  EXPECT_TRUE(room->figures.empty());
-  manual.advance(1ms);
-  ASSERT_EQ(room->figures.size(), 1U);
-  const auto number = [&](const char* key) { return std::get<double>(room->figures.front().at(key).value); };
-  EXPECT_EQ(std::tuple(number("videoFPS"), number("audioFPS"), number("bitRate")), (std::tuple{24, 47, 1664000}));
-  EXPECT_EQ(std::tuple(number("width"), number("height")), (std::tuple{720, 1280}));
-
-  // A stream opens with a key frame that follows sound; the first sound asks for it.
   pushPicture(2);
   pushAudio(2);
-  EXPECT_EQ(take(), "");
-  EXPECT_TRUE(room->statuses.empty());
+  EXPECT_EQ(take() + room->told, "");
   pushPicture(2);
   pushAudio(1);
   EXPECT_EQ(take(), "K42 p42 a42 ");
@@ -74,9 +60,12 @@ TEST_F(SessionTest, RunsFromTheStartOverAReconnectionToTheEnd) {
   pushAudio(1);
   pushPicture(2);
   EXPECT_EQ(take(), "a64 K85 p85 ");
-  EXPECT_EQ(room->statuses, std::vector<std::string>{"room INLIVE"});
+  manual.advance(9999ms);
+  EXPECT_EQ(room->told, "INLIVE ");
+  manual.advance(1ms);
+  EXPECT_EQ(room->told, "INLIVE 24 47 1664000 720 1280 ");
   report(ZelStreamSocketStatusError);
-  EXPECT_EQ(room->statuses.back(), "room SUSPEND");
+  EXPECT_EQ(room->told, "INLIVE 24 47 1664000 720 1280 SUSPEND ");
   report(ZelStreamSocketStatusStopped);
   pushAudio(2);
   EXPECT_EQ(take(), "");
@@ -84,60 +73,56 @@ TEST_F(SessionTest, RunsFromTheStartOverAReconnectionToTheEnd) {
 
 TEST_F(SessionTest, WhatThePublisherTellsReachesTheApplication) {
   connect(kPushed);
+  ZelLiveDebug debug;
+  debug.totalFrame = 9;
+  session->socketDebugInfo(*publisher, debug);
+  session->setShowDebugInfo(true);
+  session->socketDebugInfo(*publisher, debug);
   session->socketDidErrorCode(*publisher, ZelStreamSocketErrorReconnectExhausted);
   report(ZelStreamSocketStatusError);
   EXPECT_EQ(session->state(), 4U);
   session->socketBufferStatusBufferCount(*publisher, 17);
-  ZelLiveDebug debug;
-  debug.totalFrame = 9;
-  session->socketDebugInfo(*publisher, debug);
+  EXPECT_EQ(heard(), "count 17 elsewhere, figures 9, error 205, state 4, ");
   EXPECT_EQ(session->debugInfo()->totalFrame, 9);
-  session->setShowDebugInfo(true);
-  session->socketDebugInfo(*publisher, debug);
-  EXPECT_EQ(heard(), "count 17 elsewhere, error 205, state 4, figures, ");
 }
 
 TEST_F(SessionTest, AdaptiveBitRateClimbsGentlyAndFallsTwiceAsSteeply) {
   connect(kPushed);
-  const auto told = [&](ZelStreamingBufferState state, int times) {
-    std::string rates;
+  const auto told = [&](ZelStreamingBufferState state, int times, std::uint64_t bound = 0) {
+    state == ZelStreamingBufferStateIncrease ? video->setVideoMinBitRate(bound) : video->setVideoMaxBitRate(bound);
     encoder->rates.clear();
     for (; times > 0; --times) {
       session->socketBufferStatus(*publisher, state);
     }
+    std::string rates;
     for (const auto& [rate, limit, seconds] : encoder->rates) {
       rates += std::to_string(rate / 1000) + " ";
     }
     return rates;
   };
-  EXPECT_EQ(told(ZelStreamingBufferStateDecrease, 1), "") << "not switched on";
+  EXPECT_EQ(told(ZelStreamingBufferStateDecrease, 1, 1686000), "") << "not switched on";
   session->setAdaptiveBitRate(true);
-  video->setVideoMaxBitRate(1686000);
-  EXPECT_EQ(told(ZelStreamingBufferStateDecrease, 9), "1586 1636 1686 ");
-  video->setVideoMinBitRate(1386000);
-  EXPECT_EQ(told(ZelStreamingBufferStateIncrease, 9), "1586 1486 1386 ");
-  video->setVideoMinBitRate(1286001);
-  EXPECT_EQ(told(ZelStreamingBufferStateIncrease, 9), "1286 ") << "a step may pass the bound";
-  video->setVideoMinBitRate(0);
+  EXPECT_EQ(told(ZelStreamingBufferStateDecrease, 9, 1686000), "1586 1636 1686 ");
+  EXPECT_EQ(told(ZelStreamingBufferStateIncrease, 9, 1386000), "1586 1486 1386 ");
+  EXPECT_EQ(told(ZelStreamingBufferStateIncrease, 9, 1286001), "1286 ") << "a step may pass the bound";
   (void)told(ZelStreamingBufferStateIncrease, 20);
   EXPECT_EQ(session->videoBitRate(), 86000U) << "another step would leave nothing";
 }
 
-TEST_F(SessionTest, AStoppedSessionIsSpent) {
+TEST_F(SessionTest, AStoppedSessionIsSpentAndADestroyedOneLeavesNothingBehind) {
   for (const bool suspend : {false, true}) {
     info->roomId = "room";
     connect(kPushed);
     align();
-    room->statuses.clear();
-    manual.advance(suspend ? 11s : 5s);
-    suspend ? session->suspendLive() : session->stopLive();
-    suspend ? session->suspendLive() : session->stopLive();
+    room->told.clear();
+    manual.advance(5s);
+    for (int times = 0; times < 2; ++times) {
+      suspend ? session->suspendLive() : session->stopLive();
+    }
     manual.runPending();
     EXPECT_EQ(log.count(suspend ? "Live: Suspend Live" : "Live: Stop Live"), 1U);
-    // The room id goes with the stream info before either report is made.
-    EXPECT_TRUE(room->statuses.empty());
-    EXPECT_EQ(room->stops.size(), 1U);
-    EXPECT_FALSE(room->stops.front());
+    EXPECT_EQ(room->told, suspend ? "" : "stop -")
+        << "the room id goes with the stream info before either report is made";
     EXPECT_EQ(session->streamInfo(), nullptr);
     EXPECT_TRUE(session->waitUntilStopped(0ms));
     // Whatever comes now is ignored, late callbacks of the stages included.
@@ -150,19 +135,16 @@ TEST_F(SessionTest, AStoppedSessionIsSpent) {
     EXPECT_EQ(take(), "");
     EXPECT_EQ(log.count("since the beginning"), 0U) << "media flowed";
   }
-}
-
-TEST_F(SessionTest, DestroyingASessionLeavesNothingBehind) {
   connect(kPushed);
   align();
   session->turnOffAudio(true);
   session->turnOffVideo(true);
-  manual.notifications->post(notification::DidEnterBackground);
+  post(notification::DidEnterBackground);
   session.reset();
   manual.advance(30s);
   EXPECT_EQ(manual.time->delayedWork(), 0U);
   EXPECT_EQ(manual.time->liveQueues(), (std::vector<std::string>{"main", "global"}));
-  manual.notifications->post(notification::WillEnterForeground);
+  post(notification::WillEnterForeground);
 }
 
 TEST_F(SessionTest, AFreshUrlReachesTheStream) {
@@ -186,58 +168,36 @@ TEST_F(SessionTest, AFreshUrlReachesTheStream) {
   EXPECT_EQ(info->url(), "rtmp://new/app/key");
 }
 
-// ---- While something that the session has called takes its time
-
-/// Real queues, and a callback that takes until the test lets it go.
-class BusySessionTest : public SessionTest {
- protected:
-  struct Slow {
-    Event begun;
-    Event release;
-    std::atomic<bool> over = false;
-  };
-  std::function<void()> waits() {
-    return [slow = slow] {
-      slow->begun.set();
-      (void)slow->release.wait();
-      slow->over = true;
+/// On real queues, the account or the making of the encoder takes until the test lets it go.
+TEST_F(SessionTest, NothingWaitsForTheAccountOrTheMakingOfAnEncoder) {
+  auto platform = std::make_shared<Platform>(*manual.platform());
+  platform->queues = defaultPlatform()->queues;
+  platform->clock = defaultPlatform()->clock;
+  const auto picture = PixelBuffer::create(PixelFormat::Planar, 72, 128);
+  for (const bool account : {false, true}) {
+    const auto begun = std::make_shared<Event>();
+    const auto release = std::make_shared<Event>();
+    const auto over = std::make_shared<std::atomic<bool>>(false);
+    (account ? room->onStatus : encoder->onMaking) = [=] {
+      begun->set();
+      (void)release->wait();
+      *over = true;
     };
-  }
-  void connectOnRealQueues(std::int64_t type) {
-    auto platform = std::make_shared<Platform>(*manual.platform());
-    platform->queues = defaultPlatform()->queues;
-    platform->clock = defaultPlatform()->clock;
-    make(type, platform);
+    make(account ? ZelLiveInputAudio | 0 : kPushed, platform);
+    session->setDelegate({});
     session->startLive(info);
     report(ZelStreamSocketStatusConnected);
+    const std::jthread maker([&, of = session] { of->pushVideo(picture); });
+    session->turnOffAudio(account);
+    ASSERT_TRUE(begun->wait());
+    pushAudio(2);
+    session->setDenoiseLevel(2);
+    session->pushVideo(picture);
+    session->stopLive();
+    EXPECT_FALSE(*over) << "a call came back only when what it does not need was done";
+    EXPECT_EQ(encoder->made, 1) << "a picture made an encoder of its own";
+    release->set();
   }
-  const std::shared_ptr<Slow> slow = std::make_shared<Slow>();
-};
-
-TEST_F(BusySessionTest, StoppingDoesNotWaitForAFillerThatIsInTheApplicationsHands) {
-  room->onStatus = waits();
-  info->roomId = "room";
-  connectOnRealQueues(ZelLiveInputAudio);
-  session->turnOffAudio(true);
-  ASSERT_TRUE(slow->begun.wait());
-  session->stopLive();
-  EXPECT_FALSE(slow->over) << "stopLive came back only when the account did";
-  slow->release.set();
-}
-
-TEST_F(BusySessionTest, NothingWaitsWhileTheVideoEncoderIsMade) {
-  encoder->onMaking = waits();
-  connectOnRealQueues(kPushed);
-  const auto picture = PixelBuffer::create(PixelFormat::Planar, 72, 128);
-  const std::jthread maker([&] { session->pushVideo(picture); });
-  ASSERT_TRUE(slow->begun.wait());
-  pushAudio(2);
-  session->setDenoiseLevel(2);
-  session->pushVideo(picture);
-  session->stopLive();
-  EXPECT_FALSE(slow->over) << "a call came back only when the encoder was made";
-  EXPECT_EQ(encoder->made, 1) << "a picture made an encoder of its own";
-  slow->release.set();
 }
 
 }  // namespace
