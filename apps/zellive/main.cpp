@@ -87,8 +87,8 @@ int publish(const PublishOptions& options) {
   return publisher.run();
 }
 
-/// The window system's libraries dismantle themselves when a program exits the ordinary way, while the library's thread
-/// may still be taking leave of them.
+/// The libraries of the window system and of OpenGL dismantle themselves when a program exits the ordinary way, while
+/// the library's threads may still be taking leave of them.
 [[noreturn]] void leaveAtOnce(int status) {
   std::fflush(nullptr);
   std::_Exit(status);
@@ -120,7 +120,7 @@ int main(int argc, char** argv) {
     }
     const auto& options = std::get<PublishOptions>(parsed);
     const int status = publish(options);
-    if (options.preview) {
+    if (options.preview || options.camera) {
       leaveAtOnce(status);
     }
     return status;
