@@ -46,7 +46,7 @@ std::chrono::nanoseconds Camera::frameDuration() const {
 
 void Camera::addWatcher(const std::shared_ptr<CameraWatcher>& watcher) {
   const std::lock_guard lock(mutex_);
-  std::erase_if(watchers_, [](const auto& weak) { return weak.expired(); });
+  std::erase_if(watchers_, [&](const auto& weak) { return weak.expired() || weak.lock() == watcher; });
   watchers_.push_back(watcher);
 }
 

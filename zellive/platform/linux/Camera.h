@@ -59,7 +59,7 @@ class Camera : public CaptureDevice {
   /// The least that was set here; 0 for none.
   [[nodiscard]] std::chrono::nanoseconds frameDuration() const;
 
-  /// Held weakly.
+  /// Held weakly; adding one twice has no effect.
   void addWatcher(const std::shared_ptr<CameraWatcher>& watcher);
 
  protected:
