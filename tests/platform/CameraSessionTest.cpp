@@ -165,6 +165,17 @@ TEST_F(CameraSessionTest, PicturesOfAnApplicationAreConverted) {
   EXPECT_EQ(picture.colorMatrix(), ColorMatrix::BT601);
   EXPECT_NEAR(picture.plane(0).base[0], 82, 1);
   EXPECT_NEAR(picture.plane(1).base[1], 240, 1);
+  session->removeInput();
+  camera.formats = {{"", 64, 48, 0, 0}};
+  camera.frameRate = 1e12;  // Rates that no camera has come down to one that a machine stands.
+  ASSERT_TRUE(session->addInput(std::make_shared<VirtualCameraDevice>(camera, time, time)));
+  output->samples.clear();
+  time->advance(20ms);
+  EXPECT_NEAR(static_cast<double>(output->samples.size()), 20, 2);
+  session->setVideoFrameDurations(MediaTime::make(1, 2'000'000'000), MediaTime::make(1, 2'000'000'000));
+  output->samples.clear();
+  time->advance(20ms);
+  EXPECT_NEAR(static_cast<double>(output->samples.size()), 20, 2);
 }
 
 TEST_F(CameraSessionTest, SettingsWithinOneConfigurationTakeEffectTogether) {

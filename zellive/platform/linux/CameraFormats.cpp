@@ -12,6 +12,7 @@ namespace zellive {
 namespace {
 
 constexpr double kUsualFrameRate = 30;
+constexpr std::chrono::duration<double> kLongest = std::chrono::hours(1);
 
 std::size_t distance(std::size_t a, std::size_t b) { return a > b ? a - b : b - a; }
 
@@ -49,8 +50,8 @@ std::chrono::nanoseconds frameDurationOf(const MediaTime& least) {
   if ((least.flags & MediaTime::kValid) == 0 || least.isIndefinite() || least.timescale <= 0 || least.value <= 0) {
     return {};
   }
-  return std::chrono::nanoseconds(
-      std::llround(static_cast<double>(least.value) * 1e9 / static_cast<double>(least.timescale)));
+  const auto seconds = std::chrono::duration<double>(static_cast<double>(least.value) / least.timescale);
+  return std::max(kLeastFrameDuration, std::chrono::round<std::chrono::nanoseconds>(std::min(seconds, kLongest)));
 }
 
 std::vector<CaptureDeviceFormat> bySuitability(std::vector<CaptureDeviceFormat> formats, const CameraRequest& request) {

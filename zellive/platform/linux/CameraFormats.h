@@ -28,6 +28,9 @@ struct CameraRequest {
   friend bool operator==(const CameraRequest&, const CameraRequest&) = default;
 };
 
+/// The shortest of which any camera is asked; what is less asks for this.
+inline constexpr std::chrono::nanoseconds kLeastFrameDuration = std::chrono::milliseconds(1);
+
 /// The duration that two frame durations, as a camera or session is given them, ask for.
 [[nodiscard]] std::chrono::nanoseconds frameDurationOf(const MediaTime& least);
 

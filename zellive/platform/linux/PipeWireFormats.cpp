@@ -47,6 +47,8 @@ constexpr const char* kMjpeg = "MJPEG";
 /// More are not worth asking for one by one.
 constexpr std::size_t kFormatsAskedFor = 6;
 constexpr spa_fraction kAnyRate{1000, 1};
+constexpr std::uint32_t kLeastSide = 2;
+constexpr std::uint32_t kGreatestSide = 8192;
 constexpr std::array<PictureSize, 5> kUsualSizes{{{640, 480}, {1280, 720}, {1920, 1080}, {3840, 2160}, {352, 288}}};
 
 std::string encodingName(std::uint32_t id) {
@@ -284,10 +286,12 @@ StreamParameters StreamParameters::formats(const std::vector<CaptureDeviceFormat
         });
       }
       addChoice(builder, SPA_FORMAT_VIDEO_size, SPA_CHOICE_Range, [&] {
-        spa_pod_builder_rectangle(builder, static_cast<std::uint32_t>(request.size.width),
-                                  static_cast<std::uint32_t>(request.size.height));
-        spa_pod_builder_rectangle(builder, 2, 2);
-        spa_pod_builder_rectangle(builder, 8192, 8192);
+        const auto side = [](std::size_t length) {
+          return static_cast<std::uint32_t>(std::clamp<std::size_t>(length, kLeastSide, kGreatestSide));
+        };
+        spa_pod_builder_rectangle(builder, side(request.size.width), side(request.size.height));
+        spa_pod_builder_rectangle(builder, kLeastSide, kLeastSide);
+        spa_pod_builder_rectangle(builder, kGreatestSide, kGreatestSide);
       });
       addRates(builder, rate, kAnyRate);
     }));

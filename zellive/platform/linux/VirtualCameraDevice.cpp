@@ -63,7 +63,8 @@ class VirtualCameraDevice::Feed : public CameraFeed {
           !formats.empty() ? formats.front() : CaptureDeviceFormat{{}, request.size.width, request.size.height};
       size = {chosen.width, chosen.height};
       const auto rate = [](double perSecond) {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(1 / perSecond));
+        const std::chrono::duration<double> seconds(1 / std::max(perSecond, 1e-3));
+        return std::max(kLeastFrameDuration, std::chrono::duration_cast<std::chrono::nanoseconds>(seconds));
       };
       duration = request.frameDuration.count() > 0 ? request.frameDuration
                                                    : rate(camera.frameRate > 0 ? camera.frameRate : 30);
