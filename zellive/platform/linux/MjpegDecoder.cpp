@@ -5,6 +5,9 @@
 namespace zellive {
 namespace {
 
+/// Bytes. Of no camera's; whoever says so is mistaken.
+constexpr std::size_t kLargestPicture = std::size_t{64} << 20;
+
 std::optional<RawLayout> layoutOf(int format) {
   switch (format) {
     case AV_PIX_FMT_YUVJ420P:
@@ -24,6 +27,9 @@ std::optional<RawLayout> layoutOf(int format) {
 }  // namespace
 
 std::optional<RawPicture> MjpegDecoder::decode(std::span<const std::uint8_t> data) {
+  if (data.size() > kLargestPicture) {
+    return std::nullopt;
+  }
   if (!decoder_) {
     decoder_.reset(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_MJPEG)));
     frame_.reset(av_frame_alloc());

@@ -240,13 +240,15 @@ void PipeWireCamera::takeControl(const spa_pod& parameter) {
   std::uint32_t count = 0;
   std::uint32_t choice = SPA_CHOICE_None;
   const spa_pod* const pod = spa_pod_get_values(&type->value, &count, &choice);
-  if (pod->type != SPA_TYPE_Int || count < 2) {
+  if (pod->type != SPA_TYPE_Int || pod->size != sizeof(int) || count < 2) {
     return;
   }
   std::vector<int> values(count);
   std::memcpy(values.data(), pod + 1, count * sizeof(int));
-  const auto [least, greatest] =
-      std::minmax_element(values.begin() + 1, values.begin() + std::min<int>(3, static_cast<int>(count)));
+  // After the default come a range's ends, or all of an enumeration.
+  const auto end =
+      choice == SPA_CHOICE_Enum ? values.end() : values.begin() + std::min<int>(3, static_cast<int>(count));
+  const auto [least, greatest] = std::minmax_element(values.begin() + 1, end);
   const Control control{number, *least, *greatest};
   const std::lock_guard lock(mutex_);
   if (number - SPA_PROP_START_CUSTOM == kFlashMode && control.greatest >= kFlashTorch) {
