@@ -1,6 +1,7 @@
 #include "zellive/platform/linux/PipeWireConnection.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <map>
@@ -52,6 +53,30 @@ class Nodes : public PipeWireConnection::User {
   bool connected_ = false;
   std::map<std::uint32_t, std::string> names_;
 };
+
+TEST(PipeWireConnection, WhereDescriptorsHaveRunOutThereIsNoDaemon) {
+  const auto queue = defaultPlatform()->queues->makeSerialQueue("test");
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none{0, limit.rlim_max};
+  Nodes nodes;
+  {
+    PipeWireConnection connection(queue);  // The library's plug-ins are opened once in a process.
+    connection.add(nodes);
+    (void)connection.waitUntilListed(20s);
+    connection.remove(nodes);
+  }
+  const LogCapture log;
+  {
+    PipeWireConnection connection(queue);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    connection.add(nodes);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(connection.waitUntilListed(20s));
+    connection.remove(nodes);
+  }
+  EXPECT_TRUE(waitUntil([&] { return log.count("PipeWire cannot be used: its library does not start") == 1; }, 30s));
+}
 
 TEST(PipeWireConnection, TellsWhatThereIsAndSurvivesTheDaemon) {
   if (!PipeWireDaemon::available()) {

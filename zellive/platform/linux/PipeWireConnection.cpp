@@ -57,9 +57,8 @@ class PipeWireConnection::Link {
         loop(), [](void* self, std::uint64_t) { static_cast<Link*>(self)->drop(); }, this);
     unanswered_ = pw_loop_add_timer(
         loop(), [](void* self, std::uint64_t) { static_cast<Link*>(self)->tellUnanswered(); }, this);
-    if (context_ != nullptr) {
-      pw_thread_loop_start(thread_);
-    }
+    runs_ = context_ != nullptr && retry_ != nullptr && drop_ != nullptr && unanswered_ != nullptr &&
+            pw_thread_loop_start(thread_) == 0;
   }
 
   ~Link() {
@@ -68,9 +67,11 @@ class PipeWireConnection::Link {
     }
     pw_thread_loop_stop(thread_);
     disconnect();
-    pw_loop_destroy_source(loop(), retry_);
-    pw_loop_destroy_source(loop(), drop_);
-    pw_loop_destroy_source(loop(), unanswered_);
+    for (spa_source* const source : {retry_, drop_, unanswered_}) {
+      if (source != nullptr) {
+        pw_loop_destroy_source(loop(), source);
+      }
+    }
     if (context_ != nullptr) {
       pw_context_destroy(context_);
     }
@@ -110,7 +111,7 @@ class PipeWireConnection::Link {
 
   void remove(User& user) {
     std::erase(users_, &user);
-    if (users_.empty() && thread_ != nullptr) {
+    if (users_.empty() && runs_) {
       pw_loop_signal_event(loop(), drop_);
     }
   }
@@ -120,8 +121,14 @@ class PipeWireConnection::Link {
     if (users_.empty() || core_ != nullptr) {
       return;
     }
-    errno = ENOTSUP;
-    core_ = context_ != nullptr ? pw_context_connect(context_, nullptr, 0) : nullptr;
+    if (!runs_) {
+      tellAway(
+          "cannot be used: its library does not start for want of descriptors, threads or plug-ins; there are no "
+          "cameras and microphones of the machine's");
+      owner_.setListing(Listing::Done);
+      return;
+    }
+    core_ = pw_context_connect(context_, nullptr, 0);
     if (core_ == nullptr) {
       tellAway(errno);
       owner_.setListing(Listing::Done);
@@ -263,6 +270,7 @@ class PipeWireConnection::Link {
   pw_registry* registry_ = nullptr;
   spa_hook coreHook_{};
   spa_hook registryHook_{};
+  bool runs_ = false;  // There is a thread to talk to the daemon.
   int broken_ = 0;     // The error with which the daemon has gone, and the core not yet.
   bool away_ = false;  // People have been told so.
   int round_ = 0;
