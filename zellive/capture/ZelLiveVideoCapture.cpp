@@ -110,7 +110,15 @@ std::shared_ptr<Stage> ZelLiveVideoCapture::lazily(std::shared_ptr<Stage> ZelLiv
 }
 
 std::shared_ptr<GPUImageVideoCamera> ZelLiveVideoCapture::videoCamera() {
-  return lazily(&ZelLiveVideoCapture::videoCamera_, [this] { return makeCamera(); });
+  if (auto found = existing(&ZelLiveVideoCapture::videoCamera_)) {
+    return found;
+  }
+  auto camera = lazily(&ZelLiveVideoCapture::videoCamera_, [this] { return makeCamera(); });
+  if (camera && running_) {  // There was none when it began to run.
+    reloadFilter();
+    followRunning();
+  }
+  return camera;
 }
 
 std::shared_ptr<GPUImageVideoCamera> ZelLiveVideoCapture::makeCamera() {

@@ -22,7 +22,8 @@ namespace zellive {
 /// captureOutVideoSize() go to the delegate, one a frame, on the video-processing queue. The preview shows the output,
 /// or, with a watermark, filter and watermark blended: the stream never carries the watermark.
 ///
-/// Where there is no front camera everything does nothing, and one log line says so; each later call looks again.
+/// Where there is no front camera everything does nothing, and one log line says so; each later call looks again, and
+/// starts what it finds while running().
 ///
 /// Any thread; one at a time for a sensible order. Most operations wait for the video-processing queue. It may be
 /// destroyed at any time, on any thread, with frames under way; no call of the delegate begins afterwards.
