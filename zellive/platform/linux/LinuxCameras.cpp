@@ -44,14 +44,17 @@ class LinuxCameras::Registry : public PipeWireConnection::User {
     if (object.type != PW_TYPE_INTERFACE_Node || object.property(PW_KEY_MEDIA_CLASS) != "Video/Source") {
       return;
     }
-    const std::string serial = object.property(PW_KEY_OBJECT_SERIAL);
-    std::string name = object.property(PW_KEY_NODE_NAME);
-    if (name.empty()) {
-      name = object.property(PW_KEY_OBJECT_PATH);
+    std::string called = object.property(PW_KEY_NODE_NAME);
+    if (called.empty()) {
+      called = object.property(PW_KEY_OBJECT_PATH);
     }
+    if (called.empty()) {
+      called = "camera";
+    }
+    std::string name = called;
     auto camera = find(name);
-    if (name.empty() || (camera && camera->isConnected())) {
-      name += (name.empty() ? "camera-" : "-") + serial;  // One of two that are called the same.
+    for (int twin = 2; camera && camera->isConnected(); ++twin) {  // One of several that are called the same.
+      name = called + "-" + std::to_string(twin);
       camera = find(name);
     }
     if (!camera) {
