@@ -112,6 +112,11 @@ TEST(View, TreeIsDrawnBackToFrontWithItsPartsAsOne) {
   hidden->setHidden(true);
   const auto image = PixelBuffer::create(PixelFormat::BGRA, 1, 1);
   std::copy_n(std::array<std::uint8_t, 4>{0, 64, 0, 64}.data(), 4, image->plane(0).base);
+  std::array<std::uint8_t, 32> memory{};
+  for (const std::size_t width : {0, 2}) {  // Those that cannot be drawn are no harm to those that can.
+    const auto odd = PixelBuffer::wrap(PixelFormat::BGRA, width, 2, {memory.data()}, {9});
+    root->addSubview(std::make_shared<ImageView>(Rect{0, 0, 4, 4}, odd));
+  }
   root->addSubview(group);
   group->addSubview(front);
   root->addSubview(hidden);

@@ -13,7 +13,8 @@ namespace zellive {
 void renderView(View& view, PixelBuffer& picture);
 
 /// For use in View::draw: draws a BGRA picture, components multiplied by alpha, into `rect` of the context. It is
-/// scaled where its size is another.
+/// scaled where its size is another. One of no size, of a side above 32767 or with rows that begin at no multiple of
+/// four bytes is left out.
 void drawPicture(cairo_t* context, const PixelBuffer& picture, const Rect& rect);
 
 }  // namespace zellive

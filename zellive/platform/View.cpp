@@ -106,7 +106,7 @@ double View::alpha() const {
   return alpha_;
 }
 
-void View::setAlpha(double alpha) { set(&View::alpha_, std::clamp(alpha, 0.0, 1.0)); }
+void View::setAlpha(double alpha) { set(&View::alpha_, std::min(std::max(0.0, alpha), 1.0)); }
 
 bool View::hidden() const {
   const std::lock_guard lock(treeLock());

@@ -71,10 +71,13 @@ void renderView(View& view, PixelBuffer& picture) {
 }
 
 void drawPicture(cairo_t* context, const PixelBuffer& picture, const Rect& rect) {
-  if (rect.width <= 0 || rect.height <= 0) {
+  if (rect.width <= 0 || rect.height <= 0 || picture.width() == 0 || picture.height() == 0) {
     return;
   }
   const auto surface = surfaceOver(picture);
+  if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) {
+    return;  // With it, the context would draw nothing any more.
+  }
   cairo_save(context);
   cairo_translate(context, rect.x, rect.y);
   cairo_scale(context, rect.width / static_cast<double>(picture.width()),
