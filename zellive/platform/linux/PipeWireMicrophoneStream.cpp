@@ -22,6 +22,8 @@ constexpr auto kLookInterval = 1s;
 constexpr int kSilentLooks = 3;
 /// Looks after which a pause is no change of device under way.
 constexpr int kPausedLooks = 2;
+/// Frames; the daemon's greatest at 48 kHz.
+constexpr std::uint32_t kLongestBlock = 8192;
 
 }  // namespace
 
@@ -119,6 +121,7 @@ void PipeWireMicrophoneStream::make() {
     pw_properties_set(properties, PW_KEY_TARGET_OBJECT, target_.uniqueID.c_str());
     flags |= PW_STREAM_FLAG_DONT_RECONNECT;  // Rather none than another microphone.
   }
+  copy_.reserve(std::size_t{kLongestBlock} * format_.mBytesPerFrame);  // While nobody calls back.
   failure_.clear();
   source_.clear();
   pausedLooks_ = 0;
