@@ -100,7 +100,7 @@ class CaptureSession {
   /// up to a handful.
   [[nodiscard]] virtual bool addVideoDataOutput(PixelFormat format) = 0;
   virtual void removeVideoDataOutput() = 0;
-  /// Held weakly. Null: no call begins afterwards.
+  /// Held weakly. Null: no call begins afterwards, but for one that is being handed over on another thread.
   virtual void setSampleBufferDelegate(std::weak_ptr<CaptureVideoDataOutputDelegate> delegate,
                                        std::shared_ptr<Queue> queue) = 0;
   /// A size by its preset name, "AVCaptureSessionPreset1280x720"; the camera's nearest where it has no such size.
