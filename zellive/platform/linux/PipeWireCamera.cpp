@@ -38,12 +38,15 @@ class PipeWireCamera::Node {
       pw_node_add_listener(node_, &hook_, &kEvents, this);
       std::array<std::uint32_t, 2> wanted{SPA_PARAM_EnumFormat, SPA_PARAM_PropInfo};
       pw_node_subscribe_params(node_, wanted.data(), static_cast<std::uint32_t>(wanted.size()));
+      pw_proxy_add_listener(proxy(), &proxyHook_, &kProxyEvents, this);
+      pw_proxy_sync(proxy(), 0);
     }
   }
   ~Node() {
     if (node_ != nullptr) {
+      spa_hook_remove(&proxyHook_);
       spa_hook_remove(&hook_);
-      pw_proxy_destroy(reinterpret_cast<pw_proxy*>(node_));
+      pw_proxy_destroy(proxy());
     }
   }
   Node(const Node&) = delete;
@@ -64,11 +67,23 @@ class PipeWireCamera::Node {
   }
 
  private:
+  [[nodiscard]] pw_proxy* proxy() const { return reinterpret_cast<pw_proxy*>(node_); }
+
   static const pw_node_events kEvents;
+  static const pw_proxy_events kProxyEvents;
   PipeWireCamera& owner_;
   pw_node* node_ = nullptr;
   spa_hook hook_{};
+  spa_hook proxyHook_{};
 };
+
+const pw_proxy_events PipeWireCamera::Node::kProxyEvents = [] {
+  pw_proxy_events events{};
+  events.version = PW_VERSION_PROXY_EVENTS;
+  // Not before it has answered: whoever opens it anew has its formats to choose from.
+  events.done = [](void* self, int /*round*/) { static_cast<Node*>(self)->owner_.tellWatchers(); };
+  return events;
+}();
 
 const pw_node_events PipeWireCamera::Node::kEvents = [] {
   pw_node_events events{};
@@ -181,7 +196,6 @@ void PipeWireCamera::appear(const PipeWireObject& object) {
     torchMode_ = 0;
   }
   node_ = std::make_unique<Node>(*this, connection_->registry(), object);
-  tellWatchers();
 }
 
 void PipeWireCamera::vanish() {
