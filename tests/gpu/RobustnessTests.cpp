@@ -187,6 +187,26 @@ TEST(RobustnessDeathTest, AMachineWithoutEglSaysSoOnce) {
       testing::ExitedWithCode(0), "");
 }
 
+TEST(RobustnessDeathTest, AProcessMayExitWhileFramesAreDrawn) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        const auto source = std::make_shared<PictureSource>();
+        source->addTarget(GPUImageFilter::createWithFragmentShader(kReadsInput));
+        auto& drawn = *new Event;  // Threads outlive what is static.
+        std::thread([source, &drawn] {
+          const auto picture = samplePicture(PixelFormat::BGRA, 256, 256);
+          for (std::int64_t frame = 0;; ++frame) {
+            runSynchronouslyOnVideoProcessingQueue([&] { source->send(*picture, MediaTime::make(frame, 30)); });
+            drawn.set();
+          }
+        }).detach();
+        (void)drawn.wait();
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 /// ZELLIVE_TEST_PICTURE asks for pictures of another size; a camera's, such as 1280x720, take a software renderer
 /// many minutes.
 Size pictureSize() {

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
 #include <optional>
 #include <set>
 #include <shared_mutex>
@@ -54,6 +57,12 @@ struct SharedContext {
     return *shared;
   }
 };
+
+/// Once the driver is there, so that this comes before its own end.
+void endAtExit() {
+  static const int registered = std::atexit([] { GPUImageContext::sharedImageProcessingContext().end(); });
+  (void)registered;
+}
 
 /// Reads a limit on the queue, without a lock that a task of the queue might want meanwhile.
 std::int32_t limit(std::uint32_t parameter, std::atomic<std::int32_t>& known) {
@@ -280,10 +289,26 @@ std::shared_ptr<GraphicsContext> GPUImageContext::context() {
     if (made) {
       made->makeCurrent();
       glDisable(GL_DEPTH_TEST);
+      if (this == SharedContext::get().instance.load()) {
+        endAtExit();
+      }
     }
   });
   const std::lock_guard lock(mutex_);
   return context_;
+}
+
+void GPUImageContext::end() {
+  if (ended_.exchange(true) || contextQueue_->isCurrent()) {
+    return;
+  }
+  // What runs there may wait for the very thread that waits here: hence the limit.
+  const auto done = std::make_shared<std::promise<void>>();
+  contextQueue_->async([done] {
+    glFinish();
+    done->set_value();
+  });
+  (void)done->get_future().wait_for(std::chrono::seconds(1));
 }
 
 TextureCache* GPUImageContext::coreVideoTextureCache() {

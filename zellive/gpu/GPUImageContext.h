@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -87,6 +88,10 @@ class GPUImageContext {
   [[nodiscard]] std::shared_ptr<GraphicsContext> createContext() const;
   /// Made, and made current on the queue, at the first call; null where there is none. Waits for the queue then.
   [[nodiscard]] std::shared_ptr<GraphicsContext> context();
+  /// Lets nothing more onto the queue, and waits for what is there, for a second at most. Happens to the shared
+  /// instance when the process exits: the driver takes itself down then, and must not find anybody at work.
+  void end();
+  [[nodiscard]] bool hasEnded() const { return ended_; }
   /// Queue: made at the first call; null while there is no context.
   [[nodiscard]] TextureCache* coreVideoTextureCache();
   /// Made at the first call.
@@ -97,6 +102,7 @@ class GPUImageContext {
  private:
   const std::shared_ptr<const Platform> platform_;
   const std::shared_ptr<Queue> contextQueue_;
+  std::atomic<bool> ended_ = false;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_.

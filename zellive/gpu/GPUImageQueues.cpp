@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "zellive/gpu/GPUImageContext.h"
 #include "zellive/platform/Log.h"
@@ -31,7 +32,15 @@ void runAndWait(Queue& queue, BlockReference block) {
 
 std::shared_ptr<Queue> videoProcessingQueue() { return GPUImageContext::sharedContextQueue(); }
 
-std::shared_ptr<Queue> queueOf(const GPUImageContext& context) { return context.contextQueue(); }
+void postToContextQueue(const GPUImageContext& context, Task block) {
+  if (!context.hasEnded()) {
+    context.contextQueue()->async(std::move(block));
+  }
+}
+
+void postToVideoProcessingQueue(Task block) {
+  postToContextQueue(GPUImageContext::sharedImageProcessingContext(), std::move(block));
+}
 
 void runOnMainQueueWithoutDeadlocking(BlockReference block) {
   const auto main = GPUImageContext::sharedImageProcessingContext().platform().queues->mainQueue();
@@ -43,7 +52,11 @@ void runSynchronouslyOnVideoProcessingQueue(BlockReference block) {
 }
 
 void runSynchronouslyOnContextQueue(GPUImageContext& context, BlockReference block) {
-  isOnContextQueue() ? block() : runAndWait(*context.contextQueue(), block);
+  if (isOnContextQueue()) {
+    block();
+  } else if (!context.hasEnded()) {
+    runAndWait(*context.contextQueue(), block);
+  }
 }
 
 void reportAvailableMemoryForGPUImage(const char* tag) {

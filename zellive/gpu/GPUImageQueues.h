@@ -32,14 +32,17 @@ class BlockReference {
 /// Runs `block` on the main queue and waits for it; at once on the main queue itself. From a context queue it waits for
 /// the main queue, which must not wait for that queue then.
 void runOnMainQueueWithoutDeadlocking(BlockReference block);
-/// Runs `block` on the shared context's queue and waits for it.
+/// Runs `block` on the shared context's queue and waits for it. Once the process exits nothing runs there any more, and
+/// these return at once.
 void runSynchronouslyOnVideoProcessingQueue(BlockReference block);
 /// Runs `block` on that context's queue and waits for it.
 void runSynchronouslyOnContextQueue(GPUImageContext& context, BlockReference block);
 
 /// The queue of the shared context.
 [[nodiscard]] std::shared_ptr<Queue> videoProcessingQueue();
-[[nodiscard]] std::shared_ptr<Queue> queueOf(const GPUImageContext& context);
+/// These drop `block` once the process exits.
+void postToVideoProcessingQueue(Task block);
+void postToContextQueue(const GPUImageContext& context, Task block);
 
 /// Posts `block` to the shared context's queue.
 template <typename Block>
@@ -47,7 +50,7 @@ void runAsynchronouslyOnVideoProcessingQueue(Block&& block) {
   if (isOnContextQueue()) {
     block();
   } else {
-    videoProcessingQueue()->async(std::forward<Block>(block));
+    postToVideoProcessingQueue(std::forward<Block>(block));
   }
 }
 
@@ -57,7 +60,7 @@ void runAsynchronouslyOnContextQueue(const GPUImageContext& context, Block&& blo
   if (isOnContextQueue()) {
     block();
   } else {
-    queueOf(context)->async(std::forward<Block>(block));
+    postToContextQueue(context, std::forward<Block>(block));
   }
 }
 
