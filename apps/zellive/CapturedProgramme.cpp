@@ -29,7 +29,12 @@ std::optional<std::string> resolve(std::string name, AddClip addClip, std::strin
   if (!name.starts_with(clipPrefix)) {
     return name;
   }
-  return addClip(name.substr(clipPrefix.size()), error);
+  name.erase(0, clipPrefix.size());
+  if (name.empty()) {
+    error = "clip: needs a file, as in clip:talk.mp4";
+    return std::nullopt;
+  }
+  return addClip(name, error);
 }
 
 }  // namespace

@@ -123,6 +123,15 @@ Farewell complaint(const std::string& reason) {
   return {usageError, "zellive: " + line + " (zellive --help tells more)\n"};
 }
 
+/// CLI11 speaks of its own types: "--duration: 1 required FLOAT missing", "--size: At Most 1 required but received 2".
+std::string countMistake(const std::string& words) {
+  const std::string option = words.substr(0, words.find(':'));
+  if (words.ends_with(" missing")) {
+    return option + " needs a value";
+  }
+  return words.find("At Most 1 ") == std::string::npos ? words : option + " is given more than once";
+}
+
 /// NAME may be left out: what follows then is the next option, the URL, or nothing.
 std::vector<std::string> withNames(std::vector<std::string> arguments) {
   std::vector<std::string> whole;
@@ -228,6 +237,8 @@ std::variant<PublishOptions, DevicesOptions, Farewell> parseCommandLine(std::vec
                        noCommand);
     }
     return complaint(repeatable ? text : "zellive devices takes no URL");
+  } catch (const CLI::ArgumentMismatch& error) {
+    return complaint(countMistake(error.what()));
   } catch (const CLI::ParseError& error) {
     return complaint(error.what());
   }

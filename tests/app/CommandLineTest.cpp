@@ -83,6 +83,8 @@ TEST(CommandLineTest, AnswersWrongLinesWithOneLineAndStatusTwo) {
   expectMistake(good + "--input a --test-card", "--test-card");
   expectMistake(good + "--test-card --loop", "--input");
   expectMistake(good + "--test-card --size 641x360", "even");
+  expectMistake(good + "--test-card --duration", "--duration needs a value");
+  expectMistake(good + "--test-card --size 64x64 --size 32x32", "--size is given more than once");
   for (const std::string wrong :
        {"--encoder x265", "--quality 5", "--denoise 4", "--size 640", "--fps 0", "--bitrate 1.5G", "--bitrate 9k",
         "--duration nan", "--reconnect-interval 0", "--reconnect-count 0", "--colour"}) {

@@ -279,6 +279,7 @@ TEST(CaptureMistakesTest, WithoutHardwareAVirtualDeviceIsNamed) {
       {{"--microphone"}, "no microphone at present; name a virtual one: --microphone zellive."},
       {{"--microphone", "attic"}, "there is no microphone \"attic\"; there are"},
       {{"--camera", "clip:/nonexistent.mp4"}, "cannot open /nonexistent.mp4"},
+      {{"--microphone", "clip:"}, "clip: needs a file"},
       {{"--camera", "zellive.test-card", "--preview"}, "the preview cannot be shown"},
   };
   for (const auto& [options, told] : cases) {
