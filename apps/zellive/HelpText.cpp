@@ -24,8 +24,9 @@ Files and length
 
 Camera
       --mirror                Left and right changed over, for the viewers as well
-      --orientation WAY       How the camera is turned: landscape-left (upright, the default), landscape-right,
-                              portrait or upside-down
+      --orientation WAY       For a camera that is turned itself, how its picture is turned back: landscape-left
+                              (not at all, the default), portrait (a quarter clockwise), upside-down (a quarter
+                              the other way) or landscape-right (by half)
       --preview               Shows the camera's picture in a window. Closing it ends the preview, not the stream
       --watermark FILE.png    A picture in the upper right corner of the preview. Viewers never see it
       --pause-unfocused       While the preview is not the window in use, viewers see a still picture
