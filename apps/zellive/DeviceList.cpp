@@ -9,6 +9,7 @@
 
 #include "apps/zellive/EncoderTrial.h"
 #include "apps/zellive/LogCollector.h"
+#include "zellive/platform/PcmFormat.h"
 #include "zellive/session/ZelLiveAudioConfiguration.h"
 
 namespace zellive::tool {
@@ -107,14 +108,7 @@ Json audioEncoders(const Platform& platform) {
     const auto configuration = ZelLiveAudioConfiguration::defaultConfigurationForQuality(quality);
     const auto channels = static_cast<std::uint32_t>(configuration->numberOfChannels());
     const auto rate = static_cast<double>(configuration->audioSampleRate());
-    const AudioStreamBasicDescription pcm{.mSampleRate = rate,
-                                          .mFormatID = kAudioFormatLinearPCM,
-                                          .mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
-                                          .mBytesPerPacket = 2 * channels,
-                                          .mFramesPerPacket = 1,
-                                          .mBytesPerFrame = 2 * channels,
-                                          .mChannelsPerFrame = channels,
-                                          .mBitsPerChannel = 16};
+    const AudioStreamBasicDescription pcm = sixteenBitPcm(rate, channels);
     const AudioStreamBasicDescription aac{.mSampleRate = rate,
                                           .mFormatID = kAudioFormatMPEG4AAC,
                                           .mFramesPerPacket = 1024,

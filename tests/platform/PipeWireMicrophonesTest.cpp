@@ -11,6 +11,7 @@
 #include "tests/support/ManualPlatform.h"
 #include "tests/support/PipeWireDaemon.h"
 #include "zellive/capture/ZelLiveAudioCapture.h"
+#include "zellive/platform/PcmFormat.h"
 
 namespace zellive::test {
 namespace {
@@ -114,8 +115,7 @@ class PipeWireMicrophonesTest : public ::testing::Test {
     EXPECT_TRUE(service->setPreferredInput(name)) << name;
     int status = 0;
     auto unit = service->makeUnit(
-        {rate, kAudioFormatLinearPCM, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked, 2 * channels, 1,
-         2 * channels, channels, 16, 0},
+        sixteenBitPcm(rate, channels),
         [ear](int, std::span<std::uint8_t> block) { ear->audioCaptureOutputAudioData(nullptr, block); }, status);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(unit->start(), 0);

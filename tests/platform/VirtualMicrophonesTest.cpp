@@ -11,23 +11,12 @@
 
 #include "tests/support/FakeMicrophones.h"
 #include "zellive/platform/ManualTime.h"
+#include "zellive/platform/PcmFormat.h"
 
 namespace zellive::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-AudioStreamBasicDescription pcm(double rate, std::uint32_t channels) {
-  return {rate,
-          kAudioFormatLinearPCM,
-          kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
-          2 * channels,
-          1,
-          2 * channels,
-          channels,
-          16,
-          0};
-}
 
 /// Writes down where each block is in time; its samples count on.
 struct Counting : VirtualMicrophoneSound {
@@ -63,7 +52,7 @@ class VirtualMicrophonesTest : public ::testing::Test {
     heard.clear();
     int status = 1;
     auto made = service.makeUnit(
-        pcm(rate, channels),
+        sixteenBitPcm(rate, channels),
         [this](int, std::span<std::uint8_t> block) {
           const auto* const samples = reinterpret_cast<const std::int16_t*>(block.data());
           heard.insert(heard.end(), samples, samples + block.size() / 2);
@@ -108,7 +97,7 @@ TEST_F(VirtualMicrophonesTest, AreListedBehindTheRealOnesAndTakenByName) {
     EXPECT_EQ(real->callback == nullptr, test.isVirtual) << test.name;
   }
   EXPECT_TRUE(service.setPreferredInput("own"));
-  for (const auto& format : {pcm(0, 1), pcm(48000, 0), AudioStreamBasicDescription{}}) {
+  for (const auto& format : {sixteenBitPcm(0, 1), sixteenBitPcm(48000, 0), AudioStreamBasicDescription{}}) {
     int status = 0;
     EXPECT_EQ(service.makeUnit(
                   format, [](int, std::span<std::uint8_t>) {}, status),

@@ -5,24 +5,13 @@
 #include <utility>
 
 #include "zellive/platform/Log.h"
+#include "zellive/platform/PcmFormat.h"
 
 namespace zellive {
 namespace {
 
 constexpr std::int64_t kInterruptionBegan = 1;
 constexpr std::int64_t kInterruptionEnded = 0;
-
-AudioStreamBasicDescription streamFormat(const ZelLiveAudioConfiguration& configuration) {
-  const auto channels = static_cast<std::uint32_t>(configuration.numberOfChannels());
-  return {.mSampleRate = static_cast<double>(configuration.audioSampleRate()),
-          .mFormatID = kAudioFormatLinearPCM,
-          .mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked,
-          .mBytesPerPacket = 2 * channels,
-          .mFramesPerPacket = 1,
-          .mBytesPerFrame = 2 * channels,
-          .mChannelsPerFrame = channels,
-          .mBitsPerChannel = 16};
-}
 
 /// 0 where the notification does not say.
 std::int64_t valueOf(const UserInfo& userInfo, const char* key) {
@@ -84,7 +73,8 @@ void ZelLiveAudioCapture::setUp() {
 
   int status = 0;
   componentInstance_ = component()->makeUnit(
-      streamFormat(*configuration_),
+      sixteenBitPcm(static_cast<double>(configuration_->audioSampleRate()),
+                    static_cast<std::uint32_t>(configuration_->numberOfChannels())),
       [weak = weak_from_this()](int renderStatus, std::span<std::uint8_t> block) {
         if (const auto self = weak.lock()) {
           self->receive(renderStatus, block);

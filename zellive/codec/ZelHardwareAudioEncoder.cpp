@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "zellive/platform/Log.h"
+#include "zellive/platform/PcmFormat.h"
 
 namespace zellive {
 namespace {
@@ -23,16 +24,8 @@ std::uint32_t clampedRate(std::uint64_t bitRate) {
 }
 
 AudioStreamBasicDescription inputFormat(const ZelLiveAudioConfiguration& configuration) {
-  AudioStreamBasicDescription format;
-  format.mSampleRate = static_cast<double>(configuration.audioSampleRate());
-  format.mFormatID = kAudioFormatLinearPCM;
-  format.mFormatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-  format.mFramesPerPacket = 1;
-  format.mChannelsPerFrame = clampedRate(configuration.numberOfChannels());
-  format.mBytesPerFrame = 2 * format.mChannelsPerFrame;
-  format.mBytesPerPacket = format.mBytesPerFrame;
-  format.mBitsPerChannel = 16;
-  return format;
+  return sixteenBitPcm(static_cast<double>(configuration.audioSampleRate()),
+                       clampedRate(configuration.numberOfChannels()));
 }
 
 AudioStreamBasicDescription outputFormat(const ZelLiveAudioConfiguration& configuration) {
